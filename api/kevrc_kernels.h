@@ -1,0 +1,166 @@
+/*
+ * kevrc internal kernels, exported with C linkage under their own names.
+ *
+ * Applications need only kevrc.h. This header declares the building blocks
+ * behind it (arithmetic primitives, filters, the adaptive codebook, the
+ * decoder's stages and the runtime services) for tests, tools and hosts that
+ * want to reuse them. Array arguments document their length and Q format;
+ * kernels trust their callers on lengths, exactly like memcpy.
+ */
+#ifndef KEVRC_KERNELS_H
+#define KEVRC_KERNELS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "api/kevrc.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Runtime services ---------------------------------------------------- */
+
+/* Bit-stream reader, most significant bit first. A plain value: a copy reads
+ * on independently from the same position. Past the end of its input it
+ * delivers zero bits and loads nothing. */
+typedef struct kcmn_bsr {
+  uint32_t cache;       /* unread bits, left-aligned */
+  uint32_t bits;        /* number of bits held in cache */
+  const uint8_t *pos;   /* next byte not yet loaded into the cache */
+  const uint8_t *start; /* first byte of the input */
+  const uint8_t *end;   /* one past the last byte of the input */
+  void (*refill)(struct kcmn_bsr *reader);
+} kcmn_bsr;
+
+void kcmn_bsr_init(kcmn_bsr *reader, const uint8_t *data, int32_t size,
+                   void (*refill)(kcmn_bsr *reader));
+uint32_t kcmn_bsr_read(kcmn_bsr *reader, int32_t n); /* 1 <= n <= 16 */
+uint32_t kcmn_bsr_read1(kcmn_bsr *reader);
+void kcmn_bsr_flush(kcmn_bsr *reader); /* loads whole bytes into the cache */
+/* Bytes used so far: position - start - (bits held / 8). */
+uint32_t kcmn_bsr_consumed(const kcmn_bsr *reader);
+
+/* 32-byte aligned memory. A host may supply its own pair (the library's are
+ * weak definitions). */
+void *kcmn_malloc_align32(size_t size);
+void kcmn_mfree_align32(void *block);
+
+/* Encoder bit writer. */
+typedef struct kevrce_bsw {
+  uint8_t *pos;       /* current 16-bit word of the output buffer */
+  uint32_t free_bits; /* bits still free in the current word, 1..16 */
+  uint8_t *end;       /* last 16-bit word of the buffer (set, not checked) */
+} kevrce_bsw;
+
+void kevrce_bsw_init(kevrce_bsw *writer, uint8_t *buffer, int32_t words);
+/* Appends the low n bits of value (n <= 16); the current word must start at 0. */
+void kevrce_put_bits(uint8_t **pos, uint32_t *free_bits, uint32_t value, int32_t n);
+
+/* ---- Instances and dispatch ---------------------------------------------- */
+
+typedef struct kevrc_ops {
+  int32_t (*alloc_work)(void *instance);
+  void (*free_work)(void *instance);
+  int32_t (*process)(void *instance, const void *in, void *out, void *result);
+  int32_t (*init)(void *instance);
+  void (*reset)(void *instance);
+} kevrc_ops;
+
+int32_t kevrc_platform_init(int32_t *code);
+void kevrc_platform_deinit(void);
+/* The start-up flag set by kevrc_init(). */
+int32_t kevrc_inited_flag(void);
+
+typedef struct kevrcd_work kevrcd_work;
+
+/* ---- Fixed-point primitives ---------------------------------------------- */
+
+int32_t kevrc_mul_32_32(int32_t a, int32_t b);
+int32_t kevrc_mul_32_16(int32_t a, int16_t b);
+int32_t kevrc_div_32_32(int32_t num, int32_t den);
+int16_t kevrc_div_16_16(int16_t num, int16_t den);
+int16_t kevrc_squar_rt(int32_t x);
+int32_t kevrc_inv_sqrt(int32_t x);
+int16_t kevrc_norm_32(int32_t x);
+int16_t kevrc_norm_16(int16_t x);
+int32_t kevrc_log2(int32_t x);
+int32_t kevrc_log(int32_t x);
+int32_t kevrc_log10(int32_t x);
+
+/* ---- Filters, interpolation, LSP to LPC ----------------------------------- */
+
+/* All-pole synthesis 1/A(z); coef Q12 a1..a10, mem newest first; out may be in. */
+void kevrc_iir(const int16_t *in, const int16_t *coef, int16_t *mem, int16_t n, int16_t *out);
+/* Prediction-error filter A(z), wrapping; out may be in. */
+void kevrc_fir(const int16_t *in, const int16_t *coef, int16_t *mem, int16_t n, int16_t *out);
+/* Copies 128 samples from src to dst (overlap allowed). */
+void kevrc_mcpy_acbsize(const int16_t *src, int16_t *dst);
+/* LSP interpolation for subframe sub (weights 1/6, 1/2, 5/6 of cur). */
+void kevrc_interpol(int16_t *out, const int16_t *prev, const int16_t *cur, int16_t sub);
+/* Delay contour (Q16) of subframe sub from the previous to the current delay. */
+void kevrc_interpol_delay(int32_t *out, int16_t prev, int16_t cur, int16_t sub);
+/* cos(pi*x/16384) in Q31 for a Q15 frequency x. */
+int32_t kevrc_interpolation_cos129(int16_t x);
+/* LSPs (Q15, repaired in place when out of range) to LPC a1..a10 (Q12). */
+void kevrc_lsp2lpc(int16_t *lsp, int16_t *lpc);
+
+/* ---- Adaptive codebook ---------------------------------------------------- */
+
+/* One sample interpolated at a Q24 delay behind x; cutoff 29491 selects the
+ * 17-tap table (N = 8), anything else the 7-tap table (N = 3). */
+void kevrc_bilinear_intrpol(const int16_t *x, int32_t delay, int16_t cutoff, int16_t n_half,
+                            int16_t *out);
+/* L + 10 samples along a Q16 contour; out may be x (self-extending). */
+void kevrc_get_codebook(int16_t *out, const int16_t *x, int16_t L, const int32_t *contour,
+                        int16_t cutoff, int16_t n_half);
+/* Decoder form: codebook at history + 128, first L samples scaled by gain (Q14). */
+void kevrcd_acb_excitation(int16_t *out, int16_t gain, const int32_t *contour, int16_t *history,
+                           int16_t L);
+
+/* ---- Decoder stages -------------------------------------------------------- */
+
+int32_t kevrcd_dec(kevrcd_instance *dec, const kevrc_bitstream_buffer *in, kevrc_pcm_buffer *out,
+                   kevrcd_result *result);
+int32_t kevrcd_init_state(kevrcd_instance *dec);
+int32_t kevrcd_vld(kevrcd_instance *dec);
+void set_decode_params(kevrcd_instance *dec, int32_t rate);
+int32_t kevrcd_lsp_vq_evol(kevrcd_instance *dec);
+void kvrcd_fcb_fr(const int16_t *words, int16_t *vector, int16_t length);
+void kvrcd_fcb_hr(int16_t word, int16_t *vector, int16_t length);
+int32_t decode_rate_1_8(kevrcd_instance *dec, int32_t postfilter, int16_t *output);
+void kevrcd_get_excitation(kevrcd_instance *dec, int16_t started, int16_t subframe);
+int16_t kevrcd_ran_noise_gen(int16_t *seed, int16_t *pair_flag, int32_t *stored);
+int32_t kevrcd_recon(kevrcd_work *work, const kevrcd_config *config, kevrc_pcm_buffer *out);
+int32_t kevrcd_recon_interleave_2ch(int32_t format, const void *first, const void *second,
+                                    void *destination);
+void kecrcd_apf(kevrcd_instance *dec, int32_t delay, int16_t n);
+void kevrcd_apf_weight(const int16_t *f_num, const int16_t *f_den, int16_t *num, int16_t *den,
+                       const int16_t *lpc);
+void kevrcd_apf_loop(int16_t *mem, const int16_t *in, int16_t mu, int16_t n, int16_t *out);
+
+/* ---- Tables ---------------------------------------------------------------- */
+
+extern const int16_t kevrc_tbl_lsp_fr[2176];
+extern const int16_t kevrc_tbl_lsp_hr[1792];
+extern const int16_t kevrc_tbl_lsp_1_8[160];
+extern const int16_t kevrc_prev_lsp[10];
+extern const int16_t kevrc_tbl_energy_gain[768];
+extern const int16_t kevrc_tbl_pitch_q[8];
+extern const int16_t kevrc_tbl_fcb_gain_fr[32];
+extern const int16_t kevrc_tbl_fcb_gain_hr[16];
+extern const int16_t kevrcd_tbl_wfac_alpha[10];
+extern const int16_t kevrcd_tbl_wfac_beta[10];
+extern const int16_t kevrc_tbl_wfac_gamma_1[10];
+extern const int16_t kevrc_tbl_wfac_gamma_2[10];
+extern const int16_t kevrc_tbl_wfac_gamma_4[10];
+extern const int16_t tbl_ham_win1[136];
+extern const int16_t tbl_ham_win[56];
+extern const int16_t kevrc_tbl_cos129[129];
+extern const int16_t kevrc_tbl_sin129[129];
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KEVRC_KERNELS_H */

@@ -1,0 +1,147 @@
+// Library start-up, decoder instance lifecycle and per-frame dispatch,
+// status texts and the version string.
+//
+// An instance is one 32-byte aligned allocation, zeroed, holding its
+// configuration, its operation table and its state; its work block is a
+// second one. Both are made at creation and released at deletion only.
+#include <atomic>
+#include <cstring>
+
+#include "api/kevrc.h"
+#include "api/kevrc_kernels.h"
+#include "decoder/decoder_state.h"
+
+namespace {
+
+// The library-wide start-up flag: 0 at load, 1 after the first kevrc_init().
+std::atomic<int32_t> g_inited{0};
+
+constexpr size_t kDecoderWorkBytes = 1044 * sizeof(int16_t);
+static_assert(sizeof(kevrcd_work) <= kDecoderWorkBytes, "decoder work block outgrew its size");
+
+int32_t decoder_alloc_work(void *instance) {
+  auto *dec = static_cast<kevrcd_instance *>(instance);
+  void *block = kcmn_malloc_align32(kDecoderWorkBytes);
+  if (block == nullptr) return KEVRC_ERR_NOMEM;
+  std::memset(block, 0, kDecoderWorkBytes);
+  dec->work = static_cast<kevrcd_work *>(block);
+  return KEVRC_OK;
+}
+
+void decoder_free_work(void *instance) {
+  auto *dec = static_cast<kevrcd_instance *>(instance);
+  if (dec->work != nullptr) kcmn_mfree_align32(dec->work);
+  dec->work = nullptr;
+}
+
+int32_t decoder_process(void *instance, const void *in, void *out, void *result) {
+  return kevrcd_dec(static_cast<kevrcd_instance *>(instance),
+                    static_cast<const kevrc_bitstream_buffer *>(in), static_cast<kevrc_pcm_buffer *>(out),
+                    static_cast<kevrcd_result *>(result));
+}
+
+int32_t decoder_init(void *instance) { return kevrcd_init_state(static_cast<kevrcd_instance *>(instance)); }
+
+void decoder_reset(void *instance) { kevrcd_reset(static_cast<kevrcd_instance *>(instance)); }
+
+void report(int32_t *err, int32_t status) {
+  if (err != nullptr) *err = status;
+}
+
+// Releases the work block and the instance, clearing the slots on the way.
+void decoder_destroy(kevrcd_instance *dec) {
+  if (dec->ops.free_work != nullptr) dec->ops.free_work(dec);
+  dec->ops.alloc_work = nullptr;
+  dec->ops.free_work = nullptr;
+  dec->ops.process = nullptr;
+  dec->ops.reset = nullptr;
+  dec->spare_word = 0;
+  dec->self = nullptr;
+  kcmn_mfree_align32(dec);
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t kevrc_platform_init(int32_t *code) {
+  if (code != nullptr) *code = 0;
+  return 0;
+}
+
+void kevrc_platform_deinit(void) {}
+
+int32_t kevrc_init(void) {
+  if (g_inited.load(std::memory_order_relaxed) != 0) return KEVRC_OK;
+  int32_t code = 0;
+  if (kevrc_platform_init(&code) != 0) return code;
+  g_inited.store(1, std::memory_order_relaxed);
+  return KEVRC_OK;
+}
+
+void kevrc_deinit(void) {
+  // The flag stays set: a later kevrc_init() does not run the platform hook again.
+  if (g_inited.load(std::memory_order_relaxed) != 0) kevrc_platform_deinit();
+}
+
+int32_t kevrc_inited_flag(void) { return g_inited.load(std::memory_order_relaxed); }
+
+kevrcd_instance *kevrcd_create(const kevrcd_config *config, int32_t *err) {
+  if (config == nullptr) {
+    report(err, KEVRC_ERR_ARG);
+    return nullptr;
+  }
+  void *block = kcmn_malloc_align32(sizeof(kevrcd_instance));
+  if (block == nullptr) {
+    report(err, KEVRC_ERR_NOMEM);
+    return nullptr;
+  }
+  std::memset(block, 0, sizeof(kevrcd_instance));
+  auto *dec = static_cast<kevrcd_instance *>(block);
+  dec->config = *config;
+  int32_t status = KEVRC_OK;
+  if (config->reserved != 0) status = KEVRC_ERR_UNSUPPORTED;
+  if (status == KEVRC_OK) {
+    dec->ops = {decoder_alloc_work, decoder_free_work, decoder_process, decoder_init, decoder_reset};
+    dec->spare_word = 0;
+    status = dec->ops.alloc_work(dec);
+  }
+  if (status == KEVRC_OK && dec->ops.init != nullptr) status = dec->ops.init(dec);
+  if (status != KEVRC_OK) {
+    decoder_destroy(dec);
+    report(err, status);
+    return nullptr;
+  }
+  dec->self = dec;
+  report(err, KEVRC_OK);
+  return dec;
+}
+
+void kevrcd_delete(kevrcd_instance *handle) {
+  if (handle == nullptr) return;
+  decoder_destroy(handle);
+}
+
+int32_t kevrcd_decode(kevrcd_instance *handle, const kevrc_bitstream_buffer *in, kevrc_pcm_buffer *out,
+                      kevrcd_result *result) {
+  if (handle == nullptr || handle->ops.process == nullptr) return KEVRC_ERR_ARG;
+  return handle->ops.process(handle, in, out, result);
+}
+
+const char *kevrc_strerror(int32_t status) {
+  switch (status) {
+    case KEVRC_OK: return "success";
+    case KEVRC_ERR_LSP: return "spectral parameters out of order in the packet";
+    case KEVRC_ERR_NOMEM: return "out of memory, or pitch delay out of range";
+    case KEVRC_ERR_UNSUPPORTED: return "unsupported configuration";
+    case KEVRC_ERR_ARG: return "invalid argument";
+    case KEVRC_ERR_RATE: return "invalid rate byte";
+    case KEVRC_ERR_INTERNAL: return "internal error";
+    case KEVRC_ERR_SHORT: return "packet too short for its rate";
+    default: return "unknown status";
+  }
+}
+
+const char *kevrc_version(void) { return KEVRC_VERSION_STRING; }
+
+}  // extern "C"

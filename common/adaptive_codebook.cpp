@@ -1,0 +1,73 @@
+// Adaptive-codebook (pitch) contribution: the past excitation read back along
+// a continuously changing fractional delay.
+//
+// kevrc_bilinear_intrpol(x, delay, cutoff, n_half, out): one sample at the
+//   position x, interpolated at delay (Q24) behind it with the windowed-sinc
+//   row of the nearest eighth-sample phase. Reads x[-I-n_half .. -I+n_half]
+//   where I is the rounded delay. cutoff 29491 selects the 17-tap table, any
+//   other value the 7-tap one; n_half larger than the table's half-length is
+//   limited to it, so no argument reads past the table.
+// kevrc_get_codebook(out, x, L, contour, cutoff, n_half): L + 10 samples,
+//   the delay moving linearly from contour[0] to contour[1] over the L
+//   samples and on towards contour[2] for the 10 extra ones (contour in Q16).
+//   out may be x: short delays then repeat samples produced in the same call.
+// kevrcd_acb_excitation(out, gain, contour, history, L): the decoder's form,
+//   built at history + 128 (after the 128-sample memory) and its first L
+//   samples scaled by gain (Q14); the 10 extra samples stay unscaled.
+#include "api/kevrc_kernels.h"
+#include "common/fixed_point.h"
+
+using namespace kevrc;
+
+namespace {
+
+constexpr int16_t kCutoffWide = 29491;  // 0.9 in Q15: the 17-tap table
+
+}  // namespace
+
+extern "C" void kevrc_bilinear_intrpol(const int16_t *x, int32_t delay, int16_t cutoff,
+                                       int16_t n_half, int16_t *out) {
+  int32_t i_delay = ((delay >> 16) + 128) >> 8;  // nearest integer, halves upward
+  // |I - delay| <= 1/2, so the Q9 offset lies in -256..256 and the phase in 0..8.
+  const int32_t e = sub32_wrap(shl32_wrap(i_delay, 24), delay);
+  const int16_t v = wrap16(e >> 15);
+  int phase = (v + 288) >> 6;
+  if (phase == 8) {
+    i_delay -= 1;
+    phase = 0;
+  }
+  const bool wide = cutoff == kCutoffWide;
+  const int table_half = wide ? 8 : 3;
+  const int16_t *row = wide ? &tbl_ham_win1[phase * 17] : &tbl_ham_win[phase * 7];
+  const int n = n_half > table_half ? table_half : n_half;
+  const int taps = 2 * n + 1;
+  int32_t acc = 0;
+  for (int k = 0; k < taps; ++k) acc = add32_wrap(acc, mul2_16(row[k], x[k - i_delay - n]));
+  *out = taps <= 0 ? int16_t{0} : round16(acc);
+}
+
+extern "C" void kevrc_get_codebook(int16_t *out, const int16_t *x, int16_t L, const int32_t *contour,
+                                   int16_t cutoff, int16_t n_half) {
+  if (L < 0) return;
+  const int32_t c = L == 53 ? 1296593899 : 1272582903;  // 32/53, 32/54 in Q31
+  int32_t d = shl32_wrap(contour[0], 8);
+  kevrc_bilinear_intrpol(x, d, cutoff, n_half, &out[0]);
+  const int32_t s1 = mul_32_32(c, shl32_wrap(sub32_wrap(contour[1], contour[0]), 3));  // Q24/sample
+  for (int i = 1; i < L; ++i) {
+    d = add32_wrap(d, s1);
+    kevrc_bilinear_intrpol(x + i, d, cutoff, n_half, &out[i]);
+  }
+  d = shl32_wrap(contour[1], 8);  // restart exactly at the end-of-subframe delay
+  kevrc_bilinear_intrpol(x + L, d, cutoff, n_half, &out[L]);
+  const int32_t s2 = mul_32_32(c, shl32_wrap(sub32_wrap(contour[2], contour[1]), 3));
+  for (int i = L + 1; i <= L + 9; ++i) {
+    d = add32_wrap(d, s2);
+    kevrc_bilinear_intrpol(x + i, d, cutoff, n_half, &out[i]);
+  }
+}
+
+extern "C" void kevrcd_acb_excitation(int16_t *out, int16_t gain, const int32_t *contour,
+                                      int16_t *history, int16_t L) {
+  kevrc_get_codebook(out, history + 128, L, contour, kCutoffWide, 8);
+  for (int i = L - 1; i >= 0; --i) out[i] = wrap16((out[i] * gain + 8192) >> 14);
+}

@@ -1,0 +1,5 @@
+// Declarations of the constant tables (C linkage, read-only). Each table's
+// definition file states where its values come from.
+#pragma once
+
+#include "api/kevrc_kernels.h"

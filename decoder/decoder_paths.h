@@ -1,0 +1,33 @@
+// Internal interfaces between the decoder's frame driver and its paths.
+#pragma once
+
+#include <cstring>
+
+#include "decoder/decoder_state.h"
+
+namespace kevrc {
+
+// Moves the adaptive-codebook memory on by one subframe: the subframe just
+// built (behind the memory) becomes the newest part of the memory.
+inline void shift_excitation(kevrcd_state &st, int len) {
+  std::memmove(st.exc, st.exc + len, kAcbMemory * sizeof(int16_t));
+}
+
+// Synthesis of the subframe's excitation (at its build position, behind the
+// memory), postfilter or copy, and output doubled with saturation into out.
+void synthesize_subframe(kevrcd_instance *dec, int len, int16_t *out);
+
+// Concealment of an erased half- or full-rate frame.
+void conceal_frame(kevrcd_instance *dec);
+
+enum class GoodFrame {
+  kDecoded,
+  kLspRejected,        // -1, result filled
+  kDelayRejected,      // -2, delay above 120: result not filled
+  kDelayDiffRejected,  // -2, delay difference out of range: result filled
+};
+
+// Decoding of a good half- or full-rate frame.
+GoodFrame decode_good_frame(kevrcd_instance *dec);
+
+}  // namespace kevrc

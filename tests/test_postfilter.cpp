@@ -1,0 +1,127 @@
+// Adaptive postfilter: its small kernels exactly, and the behaviour of the
+// whole filter on prepared subframes.
+#include <cmath>
+#include <cstring>
+
+#include "tests/test_util.h"
+
+namespace kevrc {
+namespace {
+
+using testing::Decoder;
+
+TEST(Postfilter, WeightingAndTiltKernels) {
+  const int16_t lpc[10] = {-8000, 6000, -4000, 3000, -2000, 1000, -500, 250, -125, 60};
+  int16_t num[10], den[10];
+  kevrcd_apf_weight(kevrcd_tbl_wfac_alpha, kevrcd_tbl_wfac_beta, num, den, lpc);
+  for (int k = 0; k < 10; ++k) {
+    EXPECT_EQ(num[k], (lpc[k] * kevrcd_tbl_wfac_alpha[k] + 16384) >> 15);
+    EXPECT_EQ(den[k], (lpc[k] * kevrcd_tbl_wfac_beta[k] + 16384) >> 15);
+  }
+  int16_t mem = 1000;
+  const int16_t in[4] = {2000, -3000, 32767, -32768};
+  int16_t out[4];
+  kevrcd_apf_loop(&mem, in, 6554, 4, out);
+  EXPECT_EQ(out[0], (2000 * 65536 - 2 * 1000 * 6554 + 0x8000) >> 16);
+  EXPECT_EQ(out[1], (-3000 * 65536 - 2 * 2000 * 6554 + 0x8000) >> 16);
+  EXPECT_EQ(mem, -32768);
+  // In place, the memory takes the value read back after the output was written.
+  int16_t buf[2] = {10000, 10000};
+  mem = 0;
+  kevrcd_apf_loop(&mem, buf, 16384, 2, buf);
+  EXPECT_EQ(buf[0], 10000);
+  EXPECT_EQ(buf[1], 5000);
+  EXPECT_EQ(mem, 5000);
+  kevrcd_apf_loop(&mem, buf, 16384, 0, buf);  // n = 0: nothing
+  EXPECT_EQ(mem, 5000);
+}
+
+// Prepares a decoder's work block with a subframe of speech and its LPC.
+void prepare(Decoder &d, int rate, const std::vector<int16_t> &s, const int16_t *lpc) {
+  std::memset(&d.work(), 0, sizeof(kevrcd_work));
+  d.work().rate = static_cast<int16_t>(rate);
+  std::copy(s.begin(), s.end(), d.work().syn);
+  std::copy(lpc, lpc + 10, d.work().lpc);
+}
+
+std::vector<int16_t> resonance(int n, int period, double amp, double phase = 0) {
+  std::vector<int16_t> s(n);
+  for (int i = 0; i < n; ++i)
+    s[i] = static_cast<int16_t>(amp * std::sin(2 * M_PI * (i + phase) / period) + amp / 3 * std::sin(2 * M_PI * 3 * (i + phase) / period));
+  return s;
+}
+
+double energy(const int16_t *x, int n) {
+  double e = 0;
+  for (int i = 0; i < n; ++i) e += static_cast<double>(x[i]) * x[i];
+  return e;
+}
+
+TEST(Postfilter, EighthRateOnlyRestoresTheEnergy) {
+  Decoder d;
+  int16_t lpc[10];
+  int16_t lsp[10];
+  std::memcpy(lsp, kevrc_prev_lsp, sizeof lsp);
+  kevrc_lsp2lpc(lsp, lpc);
+  double in_e = 0, out_e = 0;
+  for (int sf = 0; sf < 12; ++sf) {
+    const int n = sf % 3 == 2 ? 54 : 53;
+    const auto s = resonance(n, 37, 3000, sf * 53);
+    prepare(d, 1, s, lpc);
+    kecrcd_apf(d.get(), 20 << 16, static_cast<int16_t>(n));
+    if (sf >= 3) {  // after the filter memories have settled
+      in_e += energy(s.data(), n);
+      out_e += energy(d.work().apf_out, n);
+      for (int i = 0; i < n; ++i) EXPECT_NEAR(d.work().apf_out[i], s[i], 0.08 * 4000) << sf << " " << i;
+    }
+  }
+  EXPECT_NEAR(10 * std::log10(out_e / in_e), 0.0, 0.5);
+}
+
+TEST(Postfilter, FullRateKeepsTheLevelOfVoicedSpeech) {
+  Decoder d;
+  int16_t lpc[10];
+  int16_t lsp[10] = {1200, 2000, 3500, 4700, 6500, 8200, 9800, 11500, 13200, 14800};
+  kevrc_lsp2lpc(lsp, lpc);
+  double in_e = 0, out_e = 0;
+  for (int sf = 0; sf < 15; ++sf) {
+    const int n = sf % 3 == 2 ? 54 : 53;
+    const auto s = resonance(n, 40, 5000, sf * 53);
+    prepare(d, 4, s, lpc);
+    kecrcd_apf(d.get(), 40 << 16, static_cast<int16_t>(n));
+    if (sf >= 3) {
+      in_e += energy(s.data(), n);
+      out_e += energy(d.work().apf_out, n);
+    }
+  }
+  EXPECT_NEAR(10 * std::log10(out_e / in_e), 0.0, 1.5);
+}
+
+TEST(Postfilter, SilenceStaysSilent) {
+  Decoder d;
+  const int16_t lpc[10] = {-4000, 2000};
+  for (int rate : {1, 3, 4}) {
+    prepare(d, rate, std::vector<int16_t>(54, 0), lpc);
+    kecrcd_apf(d.get(), 60 << 16, 54);
+    EXPECT_EQ(energy(d.work().apf_out, 54), 0.0);
+  }
+  const kevrcd_apf_state &ps = d.state().apf;
+  EXPECT_EQ(energy(ps.res, kApfResLen), 0.0);
+  EXPECT_EQ(energy(ps.syn_mem, 10), 0.0);
+}
+
+TEST(Postfilter, AnyDelayAndLengthIsSafe) {
+  Decoder d;
+  const int16_t lpc[10] = {-6000, 3000, -1000};
+  const auto s = resonance(54, 29, 20000);
+  for (int32_t delay : {0, 1 << 16, 19 << 16, 21 << 16, 119 << 16, 120 << 16, 128 << 16, 200 << 16, -1,
+                        INT32_MAX, INT32_MIN}) {
+    for (int16_t n : {-5, 0, 1, 2, 53, 54, 55, 1000}) {
+      prepare(d, 4, s, lpc);
+      kecrcd_apf(d.get(), delay, n);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace kevrc

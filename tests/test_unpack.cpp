@@ -1,0 +1,171 @@
+// Packet classification (blank, all-ones, forbidden rate changes) and field
+// unpacking.
+#include "tests/test_util.h"
+
+namespace kevrc {
+namespace {
+
+using testing::Decoder;
+using testing::Packet;
+
+Packet good_full(int delay = 50) {
+  testing::Rng rng(7);
+  testing::FullFields f = testing::random_full(rng, delay);
+  f.delay_diff = 0;
+  f.lpc_flag = 0;
+  return testing::pack(f);
+}
+
+Packet good_eighth() {
+  testing::EighthFields f;
+  f.energy = 200;
+  return testing::pack(f);
+}
+
+const Packet kAllOnes = {1, 0xFF, 0xFF};
+
+TEST(Unpack, FieldsComeOutAsPacked) {
+  testing::Rng rng(testing::test_seed("FieldsComeOutAsPacked"));
+  for (int trial = 0; trial < 50; ++trial) {
+    Decoder d;
+    testing::FullFields f = testing::random_full(rng, 20 + static_cast<int>(rng.below(101)));
+    f.lpc_flag = static_cast<int>(rng.below(2));
+    d.decode(testing::pack(f));
+    const kevrcd_work &w = d.work();
+    EXPECT_EQ(w.lpc_flag, f.lpc_flag);
+    for (int s = 0; s < 4; ++s) EXPECT_EQ(w.lsp_index[s], f.lsp[s]);
+    EXPECT_EQ(w.delay, f.delay);
+    EXPECT_EQ(w.delay_diff, f.delay_diff);
+    for (int s = 0; s < 3; ++s) {
+      EXPECT_EQ(w.acb_gain_index[s], f.acb_gain[s]);
+      EXPECT_EQ(w.fcb_gain_index[s], f.fcb_gain[s]);
+      for (int k = 0; k < 4; ++k) EXPECT_EQ(w.fcb_words[s][k], f.fcb[s][k]);
+    }
+
+    Decoder h;
+    const testing::HalfFields hf = testing::random_half(rng, 20 + static_cast<int>(rng.below(101)));
+    h.decode(testing::pack(hf));
+    const kevrcd_work &hw = h.work();
+    EXPECT_EQ(hw.lpc_flag, 0);
+    for (int s = 0; s < 3; ++s) EXPECT_EQ(hw.lsp_index[s], hf.lsp[s]);
+    EXPECT_EQ(hw.delay, hf.delay);
+    for (int s = 0; s < 3; ++s) {
+      EXPECT_EQ(hw.acb_gain_index[s], hf.acb_gain[s]);
+      EXPECT_EQ(hw.fcb_words[s][0], hf.fcb[s]);
+      EXPECT_EQ(hw.fcb_gain_index[s], hf.fcb_gain[s]);
+    }
+  }
+  Decoder e;
+  testing::EighthFields ef;
+  ef.lsp[0] = 3;
+  ef.lsp[1] = 9;
+  ef.energy = 171;
+  e.decode(testing::pack(ef));
+  EXPECT_EQ(e.work().lsp_index[0], 3);
+  EXPECT_EQ(e.work().lsp_index[1], 9);
+  for (int s = 0; s < 3; ++s) EXPECT_EQ(e.work().fcb_gain_index[s], 171);
+}
+
+TEST(Unpack, BlankPacketsAreErased) {
+  Decoder d;
+  const auto f = d.decode(testing::blank_packet(4));
+  EXPECT_EQ(f.status, KEVRC_OK);
+  EXPECT_TRUE(f.delivered);
+  EXPECT_EQ(d.state().frame_erased, 1);  // not decoded with zero indices
+  EXPECT_EQ(d.work().rate, 1);  // previous rate 1 at creation: erased as eighth rate
+  EXPECT_EQ(d.state().recovery_count, 0);  // the eighth-rate path keeps the recovery count
+
+  // Words that cancel as signed 16-bit values count as blank too.
+  Decoder c;
+  c.decode(good_full());
+  Packet cancel = testing::blank_packet(4);
+  cancel[1] = 0x00, cancel[2] = 0x01, cancel[3] = 0xFF, cancel[4] = 0xFF;
+  c.decode(cancel);
+  EXPECT_EQ(c.state().frame_erased, 1);
+  EXPECT_EQ(c.work().rate, 4);
+  EXPECT_EQ(c.state().recovery_count, 3);
+
+  // An all-zero eighth-rate packet is a real frame.
+  Decoder e;
+  e.decode(testing::blank_packet(1));
+  EXPECT_EQ(e.state().frame_erased, 0);
+}
+
+TEST(Unpack, AllOnesEighthRateThirdInARowIsDecoded) {
+  Decoder d;
+  d.decode(kAllOnes);
+  EXPECT_EQ(d.state().frame_erased, 1);
+  d.decode(kAllOnes);
+  EXPECT_EQ(d.state().frame_erased, 1);
+  d.decode(kAllOnes);
+  EXPECT_EQ(d.state().frame_erased, 0);
+  EXPECT_EQ(d.state().all_ones_count, 3);
+  EXPECT_EQ(d.work().fcb_gain_index[0], 64);  // accepted all-ones frames use energy 64
+  EXPECT_EQ(d.state().last_energy_index, 64);
+  d.decode(kAllOnes);
+  EXPECT_EQ(d.state().frame_erased, 0);
+
+  // Any other packet in between restarts the count.
+  Decoder r;
+  r.decode(kAllOnes);
+  r.decode(kAllOnes);
+  r.decode(good_eighth());
+  r.decode(kAllOnes);
+  EXPECT_EQ(r.state().frame_erased, 1);
+  EXPECT_EQ(r.state().all_ones_count, 1);
+}
+
+TEST(Unpack, EighthRateRightAfterGoodFullRateIsNotBelieved) {
+  Decoder d;
+  d.decode(good_full());
+  EXPECT_EQ(d.state().previous_rate, 4);
+  const auto f = d.decode(good_eighth());
+  EXPECT_EQ(f.status, KEVRC_OK);
+  EXPECT_EQ(d.work().rate, 4);  // concealed as full rate
+  EXPECT_EQ(d.state().frame_erased, 1);
+  EXPECT_EQ(d.state().bad_frame_flag, 1);
+  EXPECT_EQ(d.state().recovery_count, 3);
+  // After the erased full-rate frame an eighth-rate packet is accepted.
+  d.decode(good_eighth());
+  EXPECT_EQ(d.work().rate, 1);
+  EXPECT_EQ(d.state().frame_erased, 0);
+  EXPECT_EQ(d.state().previous_rate, 1);
+}
+
+TEST(Unpack, GoodPacketAfterAnErasureKeepsItsFieldsZero) {
+  Decoder d;
+  d.decode(good_full());
+  d.decode(testing::blank_packet(4));  // erased
+  const auto f = d.decode(good_full(90));
+  EXPECT_EQ(f.status, KEVRC_OK);
+  const kevrcd_work &w = d.work();
+  EXPECT_EQ(w.delay, 0);  // not unpacked: no 20 added either
+  for (int s = 0; s < 4; ++s) EXPECT_EQ(w.lsp_index[s], 0);
+  EXPECT_EQ(w.new_lsp[0], 465);  // first codewords
+  EXPECT_EQ(f.result.consumed, 1u);  // only the rate byte was read
+  EXPECT_EQ(d.state().delay, 0);
+  // The frame after it is unpacked again, and the zero delay it left is safe.
+  const auto g = d.decode(good_full(90));
+  EXPECT_EQ(g.status, KEVRC_OK);
+  EXPECT_EQ(d.work().delay, 90);
+  EXPECT_EQ(g.result.consumed, 23u);
+}
+
+TEST(Unpack, RecoveryCountAndRates) {
+  Decoder d;
+  EXPECT_EQ(d.state().previous_rate, 1);
+  d.decode(good_full());
+  d.decode(testing::blank_packet(4));
+  d.decode(testing::blank_packet(4));
+  EXPECT_EQ(d.state().recovery_count, 3);
+  d.decode(good_full());
+  EXPECT_EQ(d.state().recovery_count, 2);
+  d.decode(good_full());
+  EXPECT_EQ(d.state().recovery_count, 1);
+  d.decode(good_full());
+  d.decode(good_full());
+  EXPECT_EQ(d.state().recovery_count, 0);
+}
+
+}  // namespace
+}  // namespace kevrc
