@@ -22,8 +22,9 @@ extern "C" {
 /* ---- Runtime services ---------------------------------------------------- */
 
 /* Bit-stream reader, most significant bit first. A plain value: a copy reads
- * on independently from the same position. Past the end of its input it
- * delivers zero bits and loads nothing. */
+ * on independently from the same position. It loads bytes only as the
+ * requested fields need them; past the end of its input it delivers zero bits
+ * and loads nothing. */
 typedef struct kcmn_bsr {
   uint32_t cache;       /* unread bits, left-aligned */
   uint32_t bits;        /* number of bits held in cache */
@@ -37,7 +38,7 @@ void kcmn_bsr_init(kcmn_bsr *reader, const uint8_t *data, int32_t size,
                    void (*refill)(kcmn_bsr *reader));
 uint32_t kcmn_bsr_read(kcmn_bsr *reader, int32_t n); /* 1 <= n <= 16 */
 uint32_t kcmn_bsr_read1(kcmn_bsr *reader);
-void kcmn_bsr_flush(kcmn_bsr *reader); /* loads whole bytes into the cache */
+void kcmn_bsr_flush(kcmn_bsr *reader); /* loads the next byte into the cache */
 /* Bytes used so far: position - start - (bits held / 8). */
 uint32_t kcmn_bsr_consumed(const kcmn_bsr *reader);
 

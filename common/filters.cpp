@@ -7,38 +7,69 @@
 // in/out: n int16 samples (out may be the same array as in); coef: a1..a10 in
 // Q12; mem: 10 past samples, newest first (outputs for iir, inputs for fir),
 // owned by the caller and updated. n <= 0 does nothing.
+#include <algorithm>
+
 #include "api/kevrc_kernels.h"
 #include "common/fixed_point.h"
 
 using namespace kevrc;
 
+// Both filters keep the memory and the samples of a block in one history
+// array (oldest first), so no shifting happens per tap. The accumulators wrap
+// modulo 2^32, so the order in which the taps are summed does not matter.
+
+namespace {
+
+constexpr int kOrder = 10;
+constexpr int kBlock = 160;
+
+// Loads a newest-first memory into hist[0..9], oldest first.
+void load_history(const int16_t *mem, int16_t *hist) {
+  for (int k = 0; k < kOrder; ++k) hist[kOrder - 1 - k] = mem[k];
+}
+
+// Stores the newest ten samples of hist[0 .. 10 + n) as a newest-first memory.
+void store_history(const int16_t *hist, int n, int16_t *mem) {
+  for (int k = 0; k < kOrder; ++k) mem[k] = hist[kOrder + n - 1 - k];
+}
+
+// sum over k of 2 * coef[k] * past[-1 - k], wrapping: the exact products are
+// summed modulo 2^32 (unsigned) and doubled once, which is the same value.
+int32_t taps(const int16_t *coef, const int16_t *past) {
+  uint32_t acc = 0;
+  for (int k = 0; k < kOrder; ++k) acc += static_cast<uint32_t>(mul16(coef[k], past[-1 - k]));
+  return static_cast<int32_t>(acc << 1);
+}
+
+}  // namespace
+
 extern "C" void kevrc_iir(const int16_t *in, const int16_t *coef, int16_t *mem, int16_t n,
                           int16_t *out) {
-  for (int i = 0; i < n; ++i) {
-    int32_t acc = in[i] * 8192;
-    for (int k = 9; k >= 1; --k) {
-      acc = sub32_wrap(acc, mul2_16(coef[k], mem[k]));
-      mem[k] = mem[k - 1];
+  int16_t hist[kOrder + kBlock];  // past outputs, then this block's outputs
+  for (int done = 0; done < n; done += kBlock) {
+    const int len = std::min<int>(n - done, kBlock);
+    load_history(mem, hist);
+    for (int i = 0; i < len; ++i) {
+      const int32_t acc = sub32_wrap(in[done + i] * 8192, taps(coef, &hist[kOrder + i]));
+      // 8*acc in 64 bits, rounded to 16 bits with saturation at both ends.
+      hist[kOrder + i] = sat16_64((int64_t{acc} * 8 + 0x8000) >> 16);
+      out[done + i] = hist[kOrder + i];
     }
-    acc = sub32_wrap(acc, mul2_16(coef[0], mem[0]));  // mem[0]: previous output
-    // 8*acc in 64 bits, rounded to 16 bits with saturation at both ends.
-    const int16_t y = sat16_64((int64_t{acc} * 8 + 0x8000) >> 16);
-    out[i] = y;
-    mem[0] = y;
+    store_history(hist, len, mem);
   }
 }
 
 extern "C" void kevrc_fir(const int16_t *in, const int16_t *coef, int16_t *mem, int16_t n,
                           int16_t *out) {
-  for (int i = 0; i < n; ++i) {
-    const int16_t x = in[i];
-    int32_t acc = x * 8192;
-    for (int k = 9; k >= 1; --k) {
-      acc = add32_wrap(acc, mul2_16(coef[k], mem[k]));
-      mem[k] = mem[k - 1];
+  int16_t hist[kOrder + kBlock];  // past inputs, then this block's inputs
+  for (int done = 0; done < n; done += kBlock) {
+    const int len = std::min<int>(n - done, kBlock);
+    load_history(mem, hist);
+    std::copy(in + done, in + done + len, &hist[kOrder]);  // before out (maybe in) is written
+    for (int i = 0; i < len; ++i) {
+      const int32_t acc = add32_wrap(hist[kOrder + i] * 8192, taps(coef, &hist[kOrder + i]));
+      out[done + i] = round16(shl32_wrap(acc, 3));
     }
-    acc = add32_wrap(acc, mul2_16(coef[0], mem[0]));
-    mem[0] = x;
-    out[i] = round16(shl32_wrap(acc, 3));
+    store_history(hist, len, mem);
   }
 }

@@ -99,7 +99,7 @@ extern "C" int32_t kevrcd_vld(kevrcd_instance *dec) {
     r = kRateErased;
     st.all_ones_count = 0;
     erased = true;
-  } else if (r == 1 && sum != 0 && w->lookahead[0] == 0xFFFF) {
+  } else if (r == 1 && w->lookahead[0] == 0xFFFF) {
     st.all_ones_count = static_cast<int16_t>(st.all_ones_count + 1);
     if (st.all_ones_count <= 2) {
       erased = true;  // the first two all-ones eighth-rate packets in a row
@@ -122,7 +122,7 @@ extern "C" int32_t kevrcd_vld(kevrcd_instance *dec) {
   // frame is not believed.
   bool accept = false;
   bool decided = false;
-  if (r == 1 && st.previous_rate == 4 && !(erased && r != 1)) {
+  if (r == 1 && st.previous_rate == 4) {
     if (st.last_frame_erased == 0) {
       st.bad_frame_flag = 1;
       st.erasure_flag = 1;

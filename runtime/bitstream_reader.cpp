@@ -1,9 +1,11 @@
 // Bit-stream reader of the decoder: most significant bit first, fields of 1
 // to 16 bits crossing byte boundaries freely.
 //
-// The reader never loads a byte outside [start, end): past the end of its
-// input it delivers zero bits. It is a plain value, so a copy reads on
-// independently (the packet classifier peeks ahead that way).
+// The reader loads bytes only as the fields it is asked for need them, and
+// never outside [start, end): past the end of its input it delivers zero
+// bits. So a packet is never read beyond its last used byte, whatever size the
+// caller states. It is a plain value: a copy reads on independently (the
+// packet classifier peeks ahead that way).
 #include "api/kevrc_kernels.h"
 
 extern "C" void kcmn_bsr_init(kcmn_bsr *reader, const uint8_t *data, int32_t size,
@@ -16,8 +18,9 @@ extern "C" void kcmn_bsr_init(kcmn_bsr *reader, const uint8_t *data, int32_t siz
   reader->refill = refill != nullptr ? refill : kcmn_bsr_flush;
 }
 
+// Loads the next byte of the input into the cache, if there is one and room.
 extern "C" void kcmn_bsr_flush(kcmn_bsr *reader) {
-  while (reader->bits <= 24 && reader->pos < reader->end) {
+  if (reader->bits <= 24 && reader->pos < reader->end) {
     reader->cache |= static_cast<uint32_t>(*reader->pos++) << (24 - reader->bits);
     reader->bits += 8;
   }
@@ -27,7 +30,7 @@ extern "C" uint32_t kcmn_bsr_read(kcmn_bsr *reader, int32_t n) {
   if (n < 1) return 0;
   if (n > 16) n = 16;
   const uint32_t want = static_cast<uint32_t>(n);
-  if (reader->bits < want) reader->refill(reader);
+  while (reader->bits < want && reader->pos < reader->end) reader->refill(reader);
   const uint32_t value = reader->cache >> (32 - want);
   if (reader->bits >= want) {
     reader->cache <<= want;

@@ -31,6 +31,17 @@ TEST(BitReader, PastTheEndReadsZerosWithoutLoading) {
   EXPECT_EQ(kcmn_bsr_consumed(&r), 0u);
 }
 
+TEST(BitReader, LoadsOnlyTheBytesItsFieldsNeed) {
+  const uint8_t data[] = {0x12, 0x34, 0x56, 0x78};
+  kcmn_bsr r;
+  kcmn_bsr_init(&r, data, 4, kcmn_bsr_flush);
+  EXPECT_EQ(kcmn_bsr_read(&r, 3), 0u);
+  EXPECT_EQ(r.pos, data + 1);
+  EXPECT_EQ(kcmn_bsr_read(&r, 6), 0x24u);  // 10 0100: into the second byte
+  EXPECT_EQ(r.pos, data + 2);
+  EXPECT_EQ(kcmn_bsr_consumed(&r), 2u);
+}
+
 TEST(BitReader, CopiesReadOnIndependently) {
   const uint8_t data[] = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC};
   kcmn_bsr r;

@@ -80,6 +80,28 @@ TEST(Decoder, ConcealedFramesFadeOut) {
   EXPECT_LT(last, 160 * 100 * 100);
 }
 
+TEST(Decoder, LongErasureRunsSettleAndRecover) {
+  testing::Rng rng(testing::test_seed("LongErasureRuns"));
+  Decoder d;
+  for (int i = 0; i < 20; ++i) d.decode(full_packet(rng, 40 + i));
+  const kevrcd_state &st = d.state();
+  int64_t last_energy = 0;
+  for (int i = 0; i < 3000; ++i) {
+    const auto f = d.decode(testing::blank_packet(4));
+    ASSERT_EQ(f.status, KEVRC_OK);
+    last_energy = testing::energy(f.pcm);
+  }
+  // The LSPs have converged on the mean vector, the pitch gain has decayed to
+  // nothing, and what remains is bounded noise at the last fixed-codebook gain.
+  for (int k = 0; k < 10; ++k) EXPECT_NEAR(st.prev_lsp[k], kevrc_prev_lsp[k], 8);
+  EXPECT_EQ(st.mean_acb_gain, 0);
+  EXPECT_LT(last_energy, int64_t{160} * 3000 * 3000);
+  int ok = 0;
+  for (int i = 0; i < 10; ++i) ok += d.decode(full_packet(rng, 60)).status == KEVRC_OK;
+  EXPECT_EQ(ok, 10);
+  EXPECT_EQ(st.recovery_count, 0);
+}
+
 TEST(Decoder, RejectedPacketsLeaveTheStateAndResultUntouched) {
   testing::Rng rng(testing::test_seed("RejectedPackets"));
   Decoder d;

@@ -1,6 +1,10 @@
-// make_stream: writes a deterministic packet stream (length-prefixed packets)
-// for cross-checks and fuzzing corpora.
-//   make_stream OUT FRAMES SEED speech|erasures|garbage|recovery
+// make_stream: writes a deterministic packet stream for cross-checks, or a
+// seed input of the decoder fuzzer.
+//   make_stream OUT FRAMES SEED speech|erasures|garbage|recovery [--fuzz SELECTOR | --storage]
+// Default format: per packet a 2-byte little-endian length and the bytes.
+// --fuzz: the selector byte, then per packet a length byte and the bytes.
+// --storage: the packet file format of the kevrc tool (magic "#!EVRC\n", then
+//   rate octet and payload per frame; packets that do not fit it: erasures).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,8 +13,10 @@
 
 int main(int argc, char **argv) {
   using namespace kevrc::testing;
-  if (argc != 5) {
-    std::fprintf(stderr, "usage: make_stream OUT FRAMES SEED speech|erasures|garbage|recovery\n");
+  const bool storage = argc == 6 && std::strcmp(argv[5], "--storage") == 0;
+  if (argc != 5 && !storage && !(argc == 7 && std::strcmp(argv[5], "--fuzz") == 0)) {
+    std::fprintf(stderr,
+                 "usage: make_stream OUT FRAMES SEED speech|erasures|garbage|recovery [--fuzz SELECTOR | --storage]\n");
     return 2;
   }
   const int frames = std::atoi(argv[2]);
@@ -28,7 +34,37 @@ int main(int argc, char **argv) {
     std::fprintf(stderr, "make_stream: unknown kind '%s'\n", argv[4]);
     return 2;
   }
-  if (!write_stream_file(argv[1], make_stream(seed, frames, kind))) {
+  const std::vector<Packet> packets = make_stream(seed, frames, kind);
+  if (argc == 7 || storage) {
+    std::vector<uint8_t> bytes;
+    if (storage) {
+      const char magic[] = "#!EVRC\n";
+      bytes.assign(magic, magic + 7);
+      for (const Packet &p : packets) {
+        const bool fits = !p.empty() && ((p[0] == 1 && p.size() == 3) || (p[0] == 3 && p.size() == 11) ||
+                                         (p[0] == 4 && p.size() == 23));
+        if (fits) {
+          bytes.insert(bytes.end(), p.begin(), p.end());
+        } else {
+          bytes.push_back(14);  // erasure
+        }
+      }
+    } else {
+      bytes.push_back(static_cast<uint8_t>(std::atoi(argv[6])));
+      for (const Packet &p : packets) {
+        bytes.push_back(static_cast<uint8_t>(p.size() & 63));
+        bytes.insert(bytes.end(), p.begin(), p.begin() + (p.size() & 63));
+      }
+    }
+    FILE *f = std::fopen(argv[1], "wb");
+    const bool ok = f != nullptr && std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+    if (f == nullptr || std::fclose(f) != 0 || !ok) {
+      std::fprintf(stderr, "make_stream: cannot write %s\n", argv[1]);
+      return 1;
+    }
+    return 0;
+  }
+  if (!write_stream_file(argv[1], packets)) {
     std::fprintf(stderr, "make_stream: cannot write %s\n", argv[1]);
     return 1;
   }

@@ -1,0 +1,24 @@
+#!/bin/sh
+# Installs the Debian packages the build, the tools and the tests need.
+#   install-deps.sh [--test]   (--test adds clang for the fuzzer)
+set -eu
+packages="build-essential cmake ninja-build pkg-config libsndfile1-dev libgtest-dev python3"
+if [ "${1:-}" = "--test" ]; then
+  packages="$packages clang libclang-rt-14-dev"
+fi
+missing=""
+for p in $packages; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
+done
+[ -z "$missing" ] && exit 0
+if [ "$(id -u)" -ne 0 ]; then
+  if command -v sudo >/dev/null 2>&1; then sudo_cmd=sudo; else
+    echo "install-deps: missing packages:$missing (run as root)" >&2
+    exit 1
+  fi
+else
+  sudo_cmd=""
+fi
+echo "install-deps: installing$missing"
+$sudo_cmd apt-get update -q
+DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -q --no-install-recommends $missing
