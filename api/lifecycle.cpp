@@ -128,6 +128,21 @@ int32_t kevrcd_decode(kevrcd_instance *handle, const kevrc_bitstream_buffer *in,
   return handle->ops.process(handle, in, out, result);
 }
 
+// The encoder is not part of this release: its entry points exist so that
+// hosts link, and creation reports it as unsupported.
+kevrce_instance *kevrce_create(const kevrce_config *config, int32_t *err) {
+  report(err, config == nullptr ? KEVRC_ERR_ARG : KEVRC_ERR_UNSUPPORTED);
+  return nullptr;
+}
+
+void kevrce_delete(kevrce_instance *handle) { (void)handle; }
+
+int32_t kevrce_encode(kevrce_instance *handle, kevrc_pcm_buffer *in, kevrc_bitstream_buffer *out,
+                      kevrce_result *result) {
+  (void)in, (void)out, (void)result;
+  return handle == nullptr ? KEVRC_ERR_ARG : KEVRC_ERR_UNSUPPORTED;
+}
+
 const char *kevrc_strerror(int32_t status) {
   switch (status) {
     case KEVRC_OK: return "success";

@@ -69,7 +69,8 @@ void conceal_frame(kevrcd_instance *dec) {
       const int16_t amp = static_cast<int16_t>((st.mean_fcb_gain * 3277 + 16384) >> 15);
       int16_t *sub = &st.exc[kAcbMemory];  // reaches the output, not the memory
       for (int i = 0; i < len; ++i) {
-        const int16_t noise = kevrcd_ran_noise_gen(&st.erasure_seed, &st.erasure_pair_flag, &st.erasure_stored);
+        // The generator with its own seed; the pair state is the generator's.
+        const int16_t noise = kevrcd_ran_noise_gen(&st.erasure_seed, &st.noise_pair_flag, &st.noise_stored);
         sub[i] = add16_wrap(sub[i], static_cast<int16_t>((amp * noise + 16384) >> 15));
       }
     }

@@ -3,15 +3,14 @@
 
 #include <cstring>
 
+#include "api/kevrc_kernels.h"
 #include "decoder/decoder_state.h"
 
 namespace kevrc {
 
 // Moves the adaptive-codebook memory on by one subframe: the subframe just
 // built (behind the memory) becomes the newest part of the memory.
-inline void shift_excitation(kevrcd_state &st, int len) {
-  std::memmove(st.exc, st.exc + len, kAcbMemory * sizeof(int16_t));
-}
+inline void shift_excitation(kevrcd_state &st, int len) { kevrc_mcpy_acbsize(st.exc + len, st.exc); }
 
 // Synthesis of the subframe's excitation (at its build position, behind the
 // memory), postfilter or copy, and output doubled with saturation into out.

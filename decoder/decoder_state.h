@@ -98,11 +98,9 @@ struct kevrcd_state {
   int16_t bad_frame_flag;
   int16_t all_ones_count;
   const kevrcd_rate_params *params;
-  // Concealment noise: its own generator state.
-  int16_t erasure_seed;
-  int16_t erasure_pair_flag;
-  int32_t erasure_stored;
-  // Eighth-rate noise generator.
+  int16_t erasure_seed;  // seed of the concealment noise
+  // Noise generator: the eighth-rate seed, and the pair flag and stored
+  // sample that the concealment noise shares.
   int16_t noise_pair_flag;
   int16_t noise_seed;
   int32_t noise_stored;

@@ -17,7 +17,7 @@
 
 #include "api/kevrc_kernels.h"
 #include "common/fixed_point.h"
-#include "decoder/decoder_state.h"
+#include "decoder/decoder_paths.h"
 
 using namespace kevrc;
 
@@ -141,7 +141,7 @@ extern "C" int32_t decode_rate_1_8(kevrcd_instance *dec, int32_t postfilter, int
     const int16_t started = sf == 0 && st.frame_count == 0 && st.last_rate != 1 ? 0 : 1;
     if (st.all_ones_count > 2) w->fcb_gain_index[sf] = kAllOnesEnergy;
     kevrcd_get_excitation(dec, started, static_cast<int16_t>(sf));
-    std::memmove(st.exc, st.exc + len, kAcbMemory * sizeof(int16_t));
+    shift_excitation(st, len);
     kevrc_interpol(w->sub_lsp, st.prev_lsp, w->new_lsp, static_cast<int16_t>(sf));
     kevrc_lsp2lpc(w->sub_lsp, w->lpc);
     kevrc_iir(&st.exc[kAcbMemory], w->lpc, st.syn_mem, static_cast<int16_t>(len), w->syn);

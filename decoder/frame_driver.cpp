@@ -23,11 +23,12 @@ namespace {
 
 int32_t min_packet_size(int rate) { return rate == 4 ? 23 : rate == 3 ? 11 : 3; }
 
-void fill_result(const kevrcd_instance *dec, const kevrc_pcm_buffer *out, kevrcd_result *result) {
+// The format fields are those the formatter writes for the configuration,
+// also for a rejected frame, whose output record the formatter did not touch.
+void fill_result(const kevrcd_instance *dec, kevrcd_result *result) {
   result->consumed = kcmn_bsr_consumed(&dec->bsr);
-  result->channels = out->channels;
-  result->bits_per_sample = out->bits_per_sample;
-  result->sample_rate = out->sample_rate;
+  output_format(&dec->config, &result->channels, &result->bits_per_sample);
+  result->sample_rate = 8000;
 }
 
 // Bookkeeping shared by every path that completes a frame, then the output.
@@ -74,17 +75,17 @@ extern "C" int32_t kevrcd_dec(kevrcd_instance *dec, const kevrc_bitstream_buffer
       case GoodFrame::kDecoded:
         break;
       case GoodFrame::kLspRejected:
-        fill_result(dec, out, result);
+        fill_result(dec, result);
         return KEVRC_ERR_LSP;
       case GoodFrame::kDelayRejected:
         return KEVRC_ERR_NOMEM;
       case GoodFrame::kDelayDiffRejected:
-        fill_result(dec, out, result);
+        fill_result(dec, result);
         return KEVRC_ERR_NOMEM;
     }
   }
   finish_frame(dec, out);
-  fill_result(dec, out, result);
+  fill_result(dec, result);
   return KEVRC_OK;
 }
 

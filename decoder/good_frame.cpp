@@ -8,6 +8,8 @@
 // difference, and with the LPC flag set it widens the bandwidth of its LPC
 // filter and produces its first subframe only (the rest of the frame stays
 // silent, by definition of that flag).
+#include <algorithm>
+
 #include "api/kevrc_kernels.h"
 #include "common/fixed_point.h"
 #include "decoder/decoder_paths.h"
@@ -92,8 +94,7 @@ GoodFrame decode_good_frame(kevrcd_instance *dec) {
     int16_t *exc = &st.exc[kAcbMemory];
     kevrcd_acb_excitation(exc, g, w->contour, st.exc, static_cast<int16_t>(len));
 
-    int gain_index = w->fcb_gain_index[slot];
-    if (gain_index < 0 || gain_index >= p->fcb_gain_count) gain_index = 0;  // garbage guard
+    const int gain_index = std::clamp<int>(w->fcb_gain_index[slot], 0, p->fcb_gain_count - 1);
     const int16_t fcb_gain = p->fcb_gains[gain_index];
     st.mean_fcb_gain = static_cast<int16_t>(st.mean_fcb_gain + ((fcb_gain * 1365 + 16384) >> 15));
     if (full)

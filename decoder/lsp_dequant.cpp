@@ -6,6 +6,7 @@
 // work->new_lsp. Eighth rate: an ordering fault or a seam narrower than 261
 // marks the frame erased and falls back to the previous LSPs (returns 0).
 // Half and full rate: the same faults set bad_frame_flag and return -1.
+#include <algorithm>
 #include <cstring>
 
 #include "api/kevrc_kernels.h"
@@ -34,8 +35,7 @@ extern "C" int32_t kevrcd_lsp_vq_evol(kevrcd_instance *dec) {
   for (int s = 0; s < p->num_splits && pos < 10; ++s) {
     const int dim = p->split_dims[s];
     const int entries = p->split_entries[s];
-    int index = w->lsp_index[s];
-    if (index < 0 || index >= entries) index = index < 0 ? 0 : entries - 1;  // garbage guard
+    const int index = std::clamp<int>(w->lsp_index[s], 0, entries - 1);  // fields fit; guard anyway
     std::memcpy(&w->new_lsp[pos], &p->codebook[offset + dim * index], dim * sizeof(int16_t));
     pos += dim;
     offset += dim * entries;

@@ -3,13 +3,14 @@
 // once full it is stored high byte first and the writer moves to the next
 // word. The current word must be zero when writing into it starts (the packer
 // clears the buffer), because its earlier content is shifted in.
+#include <cstddef>
 #include <cstring>
 
 #include "api/kevrc_kernels.h"
 
 extern "C" void kevrce_bsw_init(kevrce_bsw *writer, uint8_t *buffer, int32_t words) {
   writer->pos = buffer;
-  writer->end = buffer + 2 * (words > 1 ? words - 1 : 0);
+  writer->end = buffer + 2 * static_cast<ptrdiff_t>(words > 1 ? words - 1 : 0);
   writer->free_bits = 16;
 }
 

@@ -3,9 +3,8 @@
 //
 // The reader loads bytes only as the fields it is asked for need them, and
 // never outside [start, end): past the end of its input it delivers zero
-// bits. So a packet is never read beyond its last used byte, whatever size the
-// caller states. It is a plain value: a copy reads on independently (the
-// packet classifier peeks ahead that way).
+// bits. It is a plain value: a copy reads on independently (the packet
+// classifier peeks ahead that way).
 #include "api/kevrc_kernels.h"
 
 extern "C" void kcmn_bsr_init(kcmn_bsr *reader, const uint8_t *data, int32_t size,
@@ -30,7 +29,11 @@ extern "C" uint32_t kcmn_bsr_read(kcmn_bsr *reader, int32_t n) {
   if (n < 1) return 0;
   if (n > 16) n = 16;
   const uint32_t want = static_cast<uint32_t>(n);
-  while (reader->bits < want && reader->pos < reader->end) reader->refill(reader);
+  while (reader->bits < want && reader->pos < reader->end) {
+    const uint32_t before = reader->bits;
+    reader->refill(reader);
+    if (reader->bits == before) break;  // a refill that loads nothing: stop
+  }
   const uint32_t value = reader->cache >> (32 - want);
   if (reader->bits >= want) {
     reader->cache <<= want;

@@ -42,6 +42,15 @@ TEST(BitReader, LoadsOnlyTheBytesItsFieldsNeed) {
   EXPECT_EQ(kcmn_bsr_consumed(&r), 2u);
 }
 
+void refill_nothing(kcmn_bsr *) {}
+
+TEST(BitReader, ARefillThatLoadsNothingEndsTheRead) {
+  const uint8_t data[] = {0xAB, 0xCD};
+  kcmn_bsr r;
+  kcmn_bsr_init(&r, data, 2, refill_nothing);
+  EXPECT_EQ(kcmn_bsr_read(&r, 8), 0u);  // returns zeros instead of waiting for bits
+}
+
 TEST(BitReader, CopiesReadOnIndependently) {
   const uint8_t data[] = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC};
   kcmn_bsr r;
@@ -69,6 +78,18 @@ TEST(BitWriter, FieldsLandHighByteFirst) {
   EXPECT_EQ(0, std::memcmp(buf, want, 4));
   EXPECT_EQ(w.pos, buf + 4);
   EXPECT_EQ(w.free_bits, 16u);
+}
+
+TEST(BitWriter, OnlyTheLowBitsAreWritten) {
+  uint8_t buf[4] = {};
+  kevrce_bsw w;
+  kevrce_bsw_init(&w, buf, 2);
+  kevrce_put_bits(&w.pos, &w.free_bits, 0xFFF0, 4);  // only the low four bits, 0000
+  kevrce_put_bits(&w.pos, &w.free_bits, 0xFFFF, 12);
+  EXPECT_EQ(buf[0], 0x0F);
+  EXPECT_EQ(buf[1], 0xFF);
+  kevrce_bsw_init(&w, buf, INT32_MAX);  // the end pointer is only set: no overflow
+  EXPECT_EQ(w.pos, buf);
 }
 
 TEST(BitWriter, RoundTripsThroughTheReader) {

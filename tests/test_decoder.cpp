@@ -46,38 +46,40 @@ TEST(Decoder, ConcealmentDriftsTheLspsAndDecaysTheGains) {
   Decoder d({1, 0, 0, 0, 0});
   for (int i = 0; i < 3; ++i) d.decode(full_packet(rng));
   kevrcd_state &st = d.state();
-  const int16_t acb = st.mean_acb_gain;
+  const int16_t lsp[10] = {1000, 2000, 3000, 4000, 5000, 6000, 7000, 8000, 9000, 10000};
+  std::copy(lsp, lsp + 10, st.prev_lsp);
+  st.mean_acb_gain = 16384;
   st.conceal_gain = 8000;
-  for (int run = 0; run < 4; ++run) {
-    int16_t prev[10];
-    std::copy(st.prev_lsp, st.prev_lsp + 10, prev);
-    const auto f = d.decode(testing::blank_packet(4));
-    ASSERT_EQ(f.status, KEVRC_OK);
-    EXPECT_TRUE(f.delivered);
-    for (int k = 0; k < 10; ++k)  // 1/8 of the way to the mean vector
-      EXPECT_EQ(st.prev_lsp[k], (kevrc_prev_lsp[k] * 8192 + prev[k] * 57344 + 32768) >> 16);
-    int16_t want_acb = acb;
-    for (int r = 1; r <= run; ++r) want_acb = static_cast<int16_t>((want_acb * 24576 + 32768) >> 16);
-    EXPECT_EQ(st.mean_acb_gain, want_acb) << run;  // x 0.375 from the second erased frame on
-    EXPECT_EQ(st.recovery_count, 3);
-  }
-  EXPECT_EQ(st.conceal_gain, 0);  // 8000 falls by 1638 per subframe, not below 0
+  d.decode(testing::blank_packet(4));
+  // 1/8 of the way to the mean vector 1573, 3146, ...: 1000 + 573/8, 2000 + 1146/8, ...
+  const int16_t once[10] = {1072, 2143, 3215, 4286, 5358, 6430, 7501, 8573, 9645, 10716};
+  EXPECT_TRUE(std::equal(once, once + 10, st.prev_lsp));
+  EXPECT_EQ(st.mean_acb_gain, 16384);  // kept on the first erased frame
+  EXPECT_EQ(st.conceal_gain, 8000 - 3 * 1638);
+  EXPECT_EQ(st.recovery_count, 3);
+  EXPECT_EQ(st.erasure_seed, 20000);  // twice the tenth LSP before the run
+  d.decode(testing::blank_packet(4));
+  EXPECT_EQ(st.mean_acb_gain, 6144);  // x 0.375 from the second erased frame on
+  EXPECT_EQ(st.conceal_gain, 0);      // 3086 - 1638 = 1448, then not below 0
+  d.decode(testing::blank_packet(4));
+  EXPECT_EQ(st.mean_acb_gain, 2304);
 }
 
-TEST(Decoder, ConcealedFramesFadeOut) {
-  testing::Rng rng(testing::test_seed("ConcealedFramesFadeOut"));
+TEST(Decoder, ConcealedFramesFadeToSilenceWithoutNoise) {
+  testing::Rng rng(testing::test_seed("ConcealedFramesFade"));
   Decoder d({1, 0, 0, 0, 0});
   for (int i = 0; i < 4; ++i) d.decode(full_packet(rng));
-  d.state().conceal_gain = 16000;  // a mid-scale gain that decays to 0 within 10 subframes
-  int64_t last = INT64_MAX;
-  for (int run = 0; run < 6; ++run) {
+  d.state().conceal_gain = 16000;  // reaches 0 in the fourth frame
+  d.state().mean_fcb_gain = 0;     // no concealment noise
+  int64_t first = 0, last = 0;
+  for (int run = 0; run < 12; ++run) {
     const auto f = d.decode(testing::blank_packet(4));
-    if (run >= 4) {
-      EXPECT_LE(testing::energy(f.pcm), last);
-    }
+    if (run == 0) first = testing::energy(f.pcm);
     last = testing::energy(f.pcm);
   }
-  EXPECT_LT(last, 160 * 100 * 100);
+  // With the excitation scaled to zero only the filters' ringing is left.
+  EXPECT_LT(last, 160 * 4 * 4);
+  EXPECT_GE(first, last);
 }
 
 TEST(Decoder, LongErasureRunsSettleAndRecover) {
@@ -186,6 +188,9 @@ TEST(Decoder, DelayDifferenceOutOfRangeIsRejectedWithResult) {
   const auto r = d.decode(testing::pack(f));
   EXPECT_EQ(r.status, KEVRC_ERR_NOMEM);
   EXPECT_EQ(r.result.consumed, 23u);
+  EXPECT_EQ(r.result.channels, 1u);  // the configured format, not the untouched output record
+  EXPECT_EQ(r.result.bits_per_sample, 16u);
+  EXPECT_EQ(r.result.sample_rate, 8000u);
   EXPECT_FALSE(r.delivered);
   EXPECT_EQ(d.state().bad_frame_flag, 1);
 }
@@ -210,6 +215,8 @@ TEST(Decoder, OutOfOrderLspsReturnMinusOneWithResult) {
   const auto r = d.decode(testing::pack(f));
   EXPECT_EQ(r.status, KEVRC_ERR_LSP);
   EXPECT_EQ(r.result.consumed, 23u);
+  EXPECT_EQ(r.result.sample_rate, 8000u);
+  EXPECT_EQ(r.result.bits_per_sample, 16u);
   EXPECT_FALSE(r.delivered);
   EXPECT_EQ(d.state().prev_lsp[9], prev9);  // no state update
 }
@@ -233,31 +240,99 @@ TEST(Decoder, LpcFlagAfterAnErasureProducesOneSubframe) {
   }
 }
 
+TEST(Decoder, InitialState) {
+  Decoder d;
+  const kevrcd_state &st = d.state();
+  EXPECT_TRUE(std::equal(kevrc_prev_lsp, kevrc_prev_lsp + 10, st.prev_lsp));
+  EXPECT_EQ(st.delay, 40);
+  EXPECT_EQ(st.conceal_gain, 32767);
+  EXPECT_EQ(st.noise_seed, 1234);
+  EXPECT_EQ(st.noise_pair_flag, 0);
+  EXPECT_EQ(st.previous_rate, 1);
+  EXPECT_EQ(st.last_rate, 0);
+  EXPECT_EQ(st.params->num_splits, 4);  // full-rate selection
+  EXPECT_EQ(st.params->codebook, kevrc_tbl_lsp_fr);
+  for (int16_t v : {st.mean_acb_gain, st.mean_fcb_gain, st.frame_erased, st.recovery_count, st.erasure_flag,
+                    st.bad_frame_flag, st.all_ones_count, st.erasure_seed, st.last_frame_erased})
+    EXPECT_EQ(v, 0);
+  EXPECT_EQ(st.frame_count, 0);
+}
+
+// Full-rate frames, an erased frame, an accepted eighth-rate frame and a
+// full-rate frame with a delay difference: the last one rebuilds the excitation.
+void run_into_a_rebuild(Decoder &d, testing::Rng &rng, int before, int after, int diff) {
+  for (int i = 0; i < 3; ++i) d.decode(full_packet(rng, before));
+  d.decode(testing::blank_packet(4));
+  d.decode(testing::pack(testing::random_eighth(rng)));
+  testing::FullFields f = testing::random_full(rng, after);
+  f.delay_diff = diff;
+  f.lpc_flag = 0;
+  ASSERT_EQ(d.decode(testing::pack(f)).status, KEVRC_OK);
+}
+
+TEST(Decoder, RebuildAfterAnErasure) {
+  testing::Rng rng(testing::test_seed("RebuildAfterAnErasure"));
+  {  // previous delay 60 + 16 - 10 = 66, within 15 of the delay 60 before the erasure
+    Decoder d;
+    run_into_a_rebuild(d, rng, 60, 60, 10);
+    EXPECT_EQ(d.state().rebuild_start_delay, 60);
+  }
+  {  // previous delay 100 + 16 - 10 = 106, more than 15 from 60: starts there too
+    Decoder d;
+    run_into_a_rebuild(d, rng, 60, 100, 10);
+    EXPECT_EQ(d.state().rebuild_start_delay, 106);
+  }
+  {  // a delay difference of 0 does not rebuild
+    Decoder d;
+    run_into_a_rebuild(d, rng, 60, 60, 0);
+    EXPECT_EQ(d.state().rebuild_start_delay, 0);
+    EXPECT_EQ(d.state().recovery_count, 2);
+  }
+}
+
 TEST(Decoder, ResetClearsHistoryButKeepsFlagsAndDelay) {
   testing::Rng rng(testing::test_seed("ResetClearsHistory"));
   Decoder d;
-  for (int i = 0; i < 5; ++i) d.decode(full_packet(rng, 90));
+  run_into_a_rebuild(d, rng, 70, 110, 12);
   d.decode(testing::blank_packet(4));
   const kevrcd_state before = d.state();
+  ASSERT_NE(before.rebuild_start_delay, 0);
   kevrcd_reset(d.get());
-  const kevrcd_state &st = d.state();
-  Decoder fresh;
-  const kevrcd_state &init = fresh.state();
-  EXPECT_EQ(0, std::memcmp(st.prev_lsp, kevrc_prev_lsp, sizeof st.prev_lsp));
-  EXPECT_EQ(0, std::memcmp(st.syn_mem, init.syn_mem, sizeof st.syn_mem));
-  EXPECT_EQ(0, std::memcmp(st.exc, init.exc, sizeof st.exc));
-  EXPECT_EQ(0, std::memcmp(&st.apf, &init.apf, sizeof st.apf));
-  EXPECT_EQ(st.previous_rate, 0);  // the initial state has 1
-  EXPECT_EQ(init.previous_rate, 1);
-  EXPECT_EQ(st.last_rate, 0);
-  EXPECT_EQ(st.delay, before.delay);  // kept (initially 40)
-  EXPECT_EQ(st.recovery_count, before.recovery_count);
-  EXPECT_EQ(st.conceal_gain, before.conceal_gain);
-  EXPECT_EQ(st.frame_count, before.frame_count);
-  EXPECT_EQ(st.frame_erased, before.frame_erased);
+  kevrcd_state want = before;  // fields a reset clears, all others kept
+  std::copy(kevrc_prev_lsp, kevrc_prev_lsp + 10, want.prev_lsp);
+  std::fill(std::begin(want.syn_mem), std::end(want.syn_mem), 0);
+  std::fill(std::begin(want.exc), std::end(want.exc), 0);
+  std::fill(std::begin(want.saved_exc), std::end(want.saved_exc), 0);
+  std::fill(std::begin(want.spare), std::end(want.spare), 0);
+  std::memset(&want.apf, 0, sizeof want.apf);
+  want.further_word = 0;
+  want.rebuild_start_delay = 0;
+  want.last_rate = 0;
+  want.previous_rate = 0;  // the initial state has 1
+  EXPECT_EQ(0, std::memcmp(&want, &d.state(), sizeof want));
   kevrcd_reset(nullptr);  // ignored
-  // Decoding goes on normally.
   EXPECT_EQ(d.decode(full_packet(rng)).status, KEVRC_OK);
+}
+
+TEST(Decoder, OutputIsTheDoubledSaturatedSynthesis) {
+  testing::Rng rng(testing::test_seed("OutputIsDoubled"));
+  for (int postfilter : {0, 1}) {
+    Decoder d({1, 0, 0, 0, postfilter});
+    int saturated = 0;
+    for (int i = 0; i < 40; ++i) {
+      testing::FullFields f = testing::random_full(rng, 40);
+      for (int s = 0; s < 3; ++s) {
+        f.acb_gain[s] = 7;   // 1.2: the excitation grows
+        f.fcb_gain[s] = 31;  // the largest fixed-codebook gain
+      }
+      const auto r = d.decode(testing::pack(f));
+      for (int16_t v : r.pcm) {
+        ASSERT_TRUE(v % 2 == 0 || v == 32767) << v;  // doubled, or saturated high
+        saturated += v == 32767 || v == -32768;
+      }
+    }
+    EXPECT_GT(saturated, 0) << postfilter;
+  }
 }
 
 TEST(Decoder, InstancesShareNoState) {
@@ -334,12 +409,12 @@ uint64_t stream_checksum(StreamKind kind, uint64_t seed, int postfilter) {
 
 TEST(Decoder, FrozenOutputChecksums) {
   const Frozen frozen[] = {
-      {"speech, postfilter off", StreamKind::kSpeechLike, 11, 0, 0x82d285ac069296abull},
-      {"speech, postfilter on", StreamKind::kSpeechLike, 11, 1, 0x7842a194c3e13751ull},
-      {"erasures, postfilter on", StreamKind::kErasures, 12, 1, 0x8876dc8c0c1ea96full},
-      {"garbage, postfilter on", StreamKind::kGarbage, 13, 1, 0xde02aee16fd0aa6full},
-      {"recovery, postfilter off", StreamKind::kRecovery, 14, 0, 0x256c61b5650fb479ull},
-      {"recovery, postfilter on", StreamKind::kRecovery, 14, 1, 0xe6011c2b6b80a59eull},
+      {"speech, postfilter off", StreamKind::kSpeechLike, 11, 0, 0x8c3d4ae3892ba17dull},
+      {"speech, postfilter on", StreamKind::kSpeechLike, 11, 1, 0x4eb52951cb7e9104ull},
+      {"erasures, postfilter on", StreamKind::kErasures, 12, 1, 0x8c2df84f34329abcull},
+      {"garbage, postfilter on", StreamKind::kGarbage, 13, 1, 0x2e4f13d9a20962d9ull},
+      {"recovery, postfilter off", StreamKind::kRecovery, 14, 0, 0x23a37164f561078full},
+      {"recovery, postfilter on", StreamKind::kRecovery, 14, 1, 0x42cb7647f2385e8bull},
   };
   const bool print = std::getenv("KEVRC_PRINT_CHECKSUMS") != nullptr;
   for (const Frozen &f : frozen) {

@@ -50,6 +50,7 @@ TEST(Recon, EveryLayoutWritesExactlyItsBuffers) {
         if (interleaved) {
           EXPECT_EQ(out.samples[0], mode == 2 ? 320u : 160u);
           EXPECT_EQ(out.bytes[0], out.samples[0] * bps);
+          EXPECT_EQ(out.samples[1] + out.samples[2], 0u);
           EXPECT_EQ(b1[0], 0xEE);
           if (mode == 2) {  // both channels equal, sample by sample
             for (int i = 0; i < 160; ++i)

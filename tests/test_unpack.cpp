@@ -132,6 +132,27 @@ TEST(Unpack, EighthRateRightAfterGoodFullRateIsNotBelieved) {
   EXPECT_EQ(d.state().previous_rate, 1);
 }
 
+TEST(Unpack, ErasedEighthRateAfterAnErasedFullRateFrameStaysFullRate) {
+  Decoder d;
+  d.decode(good_full());
+  d.decode(testing::blank_packet(4));  // erased full rate; previous rate stays 4
+  d.decode(kAllOnes);                  // erased all-ones eighth rate right after it
+  EXPECT_EQ(d.work().rate, 4);
+  EXPECT_EQ(d.state().previous_rate, 4);
+  EXPECT_EQ(d.state().frame_erased, 1);
+}
+
+TEST(Unpack, BlankPacketKeepsAnEarlierBadFrameFlag) {
+  Decoder d;
+  d.decode(good_full());
+  testing::HalfFields h;
+  h.delay = 140;  // rejected: sets the bad-frame flag
+  EXPECT_EQ(d.decode(testing::pack(h)).status, KEVRC_ERR_NOMEM);
+  d.decode(testing::blank_packet(3));
+  EXPECT_EQ(d.state().bad_frame_flag, 1);
+  EXPECT_EQ(d.state().erasure_flag, 1);
+}
+
 TEST(Unpack, GoodPacketAfterAnErasureKeepsItsFieldsZero) {
   Decoder d;
   d.decode(good_full());

@@ -7,6 +7,7 @@ set -eu
 build=$1
 frames=${2:-300}
 here=$(cd "$(dirname "$0")" && pwd)
+python=${PYTHON:-python3}
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 fail=0
@@ -24,15 +25,15 @@ for kind in speech erasures garbage recovery; do
     "$build/tools/make_stream" "$stream" "$frames" "$seed" "$kind"
     for pf in 0 1; do
       "$build/tests/decode_trace" "$stream" "$tmp/c.txt" --postfilter $pf --reset-at 50,51
-      python3 "$here/decode_trace.py" "$stream" "$tmp/p.txt" --postfilter $pf --reset-at 50,51
+      "$python" "$here/decode_trace.py" "$stream" "$tmp/p.txt" --postfilter $pf --reset-at 50,51
       compare "$kind seed $seed postfilter $pf" "$tmp/c.txt" "$tmp/p.txt"
     done
   done
 done
 
-python3 "$here/gen_kernel_cases.py" --count 150 --seed 7 > "$tmp/k.in"
+"$python" "$here/gen_kernel_cases.py" --count 150 --seed 7 > "$tmp/k.in"
 "$build/tests/kernel_cli" < "$tmp/k.in" > "$tmp/kc.txt"
-python3 "$here/kernels_cli.py" < "$tmp/k.in" > "$tmp/kp.txt"
+"$python" "$here/kernels_cli.py" < "$tmp/k.in" > "$tmp/kp.txt"
 # Interpolator requests outside the window are skipped by either side.
 paste -d '|' "$tmp/kc.txt" "$tmp/kp.txt" | awk -F'|' '$1 != "skip" && $2 != "skip" && $1 != $2 {n++} END {exit n > 0}' \
   || { echo "MISMATCH: kernels"; fail=1; }

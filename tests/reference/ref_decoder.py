@@ -853,7 +853,7 @@ class Decoder:
         self.bad_frame_flag = 0
         self.all_ones_count = 0
         self.params = RATE_PARAMS[4]
-        self.erasure_noise = NoiseState(0, 0, 0)   # erasure seed + own pair state
+        self.erasure_noise = NoiseState(0, 0, 0)   # erasure seed; pair state shared with self.noise
         self.noise = NoiseState(1234, 0, 0)
         self.sub_gains = [0, 0, 0]
         self.last_energy_idx = 0
@@ -1243,7 +1243,12 @@ class Decoder:
             if self.mean_acb <= 6553:
                 amp = (self.mean_fcb * 3277 + 16384) >> 15
                 for i in range(L):
-                    nz = ran_noise_gen(self.erasure_noise)
+                    # the generator with its own seed; the pair flag and stored
+                    # sample are the generator's (shared with eighth rate)
+                    g = self.erasure_noise
+                    g.flag, g.stored = self.noise.flag, self.noise.stored
+                    nz = ran_noise_gen(g)
+                    self.noise.flag, self.noise.stored = g.flag, g.stored
                     self.exc[128 + i] = wrap16(self.exc[128 + i] + ((amp * nz + 16384) >> 15))
             self._synth_out(L, off)
             off += L
