@@ -7,6 +7,8 @@
 // per subframe; weakly voiced frames get noise at the mean fixed-codebook
 // gain. A full-rate frame's excitation memory is saved first so that the
 // first good frame after the erasure can rebuild it.
+#include <cstring>
+
 #include "api/kevrc_kernels.h"
 #include "common/fixed_point.h"
 #include "decoder/decoder_paths.h"

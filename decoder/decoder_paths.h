@@ -1,8 +1,6 @@
 // Internal interfaces between the decoder's frame driver and its paths.
 #pragma once
 
-#include <cstring>
-
 #include "api/kevrc_kernels.h"
 #include "decoder/decoder_state.h"
 

@@ -9,6 +9,7 @@
 // filter and produces its first subframe only (the rest of the frame stays
 // silent, by definition of that flag).
 #include <algorithm>
+#include <cstring>
 
 #include "api/kevrc_kernels.h"
 #include "common/fixed_point.h"
