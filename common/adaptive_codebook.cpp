@@ -41,10 +41,9 @@ extern "C" void kevrc_bilinear_intrpol(const int16_t *x, int32_t delay, int16_t 
   const int16_t *row = wide ? &tbl_ham_win1[phase * 17] : &tbl_ham_win[phase * 7];
   const int n = n_half > table_half ? table_half : n_half;
   const int taps = 2 * n + 1;
-  // The exact products summed modulo 2^32 and doubled once: the wrapping sum of 2*row*x.
-  uint32_t acc = 0;
-  for (int k = 0; k < taps; ++k) acc += static_cast<uint32_t>(mul16(row[k], x[k - i_delay - n]));
-  *out = taps <= 0 ? int16_t{0} : round16(static_cast<int32_t>(acc << 1));
+  Mac2Wrap acc;
+  for (int k = 0; k < taps; ++k) acc.add(row[k], x[k - i_delay - n]);
+  *out = taps <= 0 ? int16_t{0} : round16(acc.value());
 }
 
 extern "C" void kevrc_get_codebook(int16_t *out, const int16_t *x, int16_t L, const int32_t *contour,

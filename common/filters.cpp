@@ -33,12 +33,11 @@ void store_history(const int16_t *hist, int n, int16_t *mem) {
   for (int k = 0; k < kOrder; ++k) mem[k] = hist[kOrder + n - 1 - k];
 }
 
-// sum over k of 2 * coef[k] * past[-1 - k], wrapping: the exact products are
-// summed modulo 2^32 (unsigned) and doubled once, which is the same value.
+// sum over k of 2 * coef[k] * past[-1 - k], wrapping.
 int32_t taps(const int16_t *coef, const int16_t *past) {
-  uint32_t acc = 0;
-  for (int k = 0; k < kOrder; ++k) acc += static_cast<uint32_t>(mul16(coef[k], past[-1 - k]));
-  return static_cast<int32_t>(acc << 1);
+  Mac2Wrap acc;
+  for (int k = 0; k < kOrder; ++k) acc.add(coef[k], past[-1 - k]);
+  return acc.value();
 }
 
 }  // namespace

@@ -100,6 +100,18 @@ constexpr inline int32_t mul2_16(int16_t a, int16_t b) {
   return shl32_wrap(static_cast<int32_t>(a) * b, 1);
 }
 
+// A wrapping sum of 2*a*b terms (filter taps): the exact 16 x 16 products are
+// summed modulo 2^32 and doubled once, which equals adding each doubled,
+// wrapped product, in any order.
+class Mac2Wrap {
+ public:
+  constexpr void add(int16_t a, int16_t b) { acc_ += static_cast<uint32_t>(int32_t{a} * b); }
+  constexpr int32_t value() const { return static_cast<int32_t>(acc_ << 1); }
+
+ private:
+  uint32_t acc_ = 0;
+};
+
 // (acc + 0x8000) >> 16 with the addition wrapping in 32 bits.
 constexpr inline int16_t round16(int32_t acc) {
   return static_cast<int16_t>(add32_wrap(acc, 0x8000) >> 16);

@@ -46,13 +46,12 @@ extern "C" int32_t kevrcd_recon_interleave_2ch(int32_t format, const void *first
 }
 
 extern "C" int32_t kevrcd_recon(kevrcd_work *work, const kevrcd_config *config, kevrc_pcm_buffer *out) {
-  out->channels = 1;
+  // The format fields come first; a rejected configuration keeps them.
+  output_format(config, &out->channels, &out->bits_per_sample);
   out->sample_rate = 8000;
   out->interleaved = config->interleaved != 0 ? 1 : 0;
-  out->bits_per_sample = 16;
   uint32_t frame_bytes;
   if (config->sample_format == 1) {
-    out->bits_per_sample = 8;
     for (int i = 0; i < kFrameLen; ++i) work->out_bytes[i] = static_cast<uint8_t>(to_8bit(work->frame[i]));
     frame_bytes = kFrameLen;
   } else if (config->sample_format == 0 || config->sample_format == 2) {
@@ -64,10 +63,7 @@ extern "C" int32_t kevrcd_recon(kevrcd_work *work, const kevrcd_config *config, 
   const int32_t mode = config->channel_mode;
   if (mode < 0 || mode > 2) return KEVRC_ERR_UNSUPPORTED;
   if (!output_buffers_present(config, out)) return KEVRC_ERR_ARG;  // defensive: checked by the driver
-  if (mode == 2) {
-    std::memcpy(work->channel2, work->out_bytes, frame_bytes);
-    out->channels = 2;
-  }
+  if (mode == 2) std::memcpy(work->channel2, work->out_bytes, frame_bytes);
   if (config->interleaved != 0) {
     if (mode == 2) {
       out->samples[0] = 2 * kFrameLen;
