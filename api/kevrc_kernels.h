@@ -140,6 +140,72 @@ void kevrcd_apf_weight(const int16_t *f_num, const int16_t *f_den, int16_t *num,
                        const int16_t *lpc);
 void kevrcd_apf_loop(int16_t *mem, const int16_t *in, int16_t mu, int16_t n, int16_t *out);
 
+/* ---- Encoder stages -------------------------------------------------------- */
+
+typedef struct kevrce_work kevrce_work;
+typedef struct kevrce_olp_state kevrce_olp_state;
+
+int32_t kevrce_enc(kevrce_instance *enc, const kevrc_pcm_buffer *in, kevrc_bitstream_buffer *out,
+                   kevrce_result *result);
+void init_encoder(kevrce_instance *enc, kevrce_work *work);
+/* Input high-pass filter over 160 samples, in place. */
+void kevrce_hpf(kevrce_instance *enc, int16_t *samples);
+
+/* LPC analysis of the 320-sample buffer; returns the merged open-loop gain (Q15). */
+int16_t kevrce_pre_encode(kevrce_instance *enc, const int16_t *input);
+/* Windowing, autocorrelation, Levinson-Durbin; returns the rescaling shift of r. */
+int16_t kevrce_calculate_lpc(kevrce_work *work);
+/* Impulse response of 1/A(z), 54 samples, h[0] = 2048 (Q11); lpc Q12. */
+void kevrce_imp_res(const int16_t *lpc, int16_t *h);
+/* work->lpc (Q12) to work->lsp (Q15). */
+void kevrce_a2lsp(kevrce_work *work);
+/* LPC a1..a10 (Q12) to 10 LSPs (Q15). */
+void kevrce_lpc2lsp(const int16_t *lpc, int16_t *lsp);
+/* Prediction-error filter A(z) with per-tap clamping; mem newest first. */
+void kevrce_residu(const int16_t *in, const int16_t *lpc, int16_t *mem, int16_t n, int16_t *out);
+/* Open-loop pitch of the 160-sample residual stretch x: delay 20..120, gain Q15. */
+void kevrce_ol_pitch(kevrce_olp_state *state, const int16_t *x, int16_t *delay, int16_t *gain);
+
+/* Rate decision within [min_rate, max_rate]; r the frame's autocorrelation r[0..16]. */
+int16_t kevrce_rate_detection(kevrce_instance *enc, const int32_t *r, int32_t max_rate,
+                              int32_t min_rate, int16_t analysis);
+
+/* LSP weights and shifts from the spacing of the unquantized LSPs. */
+void kevrce_norm_lsp(const int16_t *lsp, int16_t *weight, int16_t *shift);
+/* Weighted split VQ; weight is overwritten with the quantized LSPs; returns weight. */
+int16_t *kevrce_lspmaq(const int16_t *lsp, int16_t num_splits, const int16_t *split_dims,
+                       const int16_t *split_entries, int16_t *weight, uint16_t *index,
+                       const int16_t *codebook, const int16_t *shift);
+
+/* Weighted synthesis impulse response (54 samples, Q11); scratch 20 values. */
+void kevrce_weighed_imp_res(const int16_t *a, const int16_t *aq, int16_t *h, int16_t *scratch);
+/* Zero-input response (update 0) or memory update with exc (update 1). */
+void kevrce_zeroinput(kevrce_instance *enc, const int16_t *a, const int16_t *aq, const int16_t *exc,
+                      int16_t n, int16_t update, int16_t *out);
+
+/* Eighth-rate energy measurement and, at subframe 2, the search and the noise. */
+void kevrce_calcexc_lbr(kevrce_instance *enc, int16_t gain, const int16_t *residual, int16_t L,
+                        int16_t keep_seed, int16_t subframe, int16_t *exc, int16_t *energy_index);
+/* Impulse-response gain of an eighth-rate subframe (from h over L samples). */
+int16_t kevrce_imp_res_gain(const int16_t *h, int16_t L);
+/* Log-domain energy of an eighth-rate subframe from its residual and gain. */
+int16_t kevrce_lbr_energy(int16_t gain, const int16_t *residual, int16_t L);
+/* Energy-codebook index nearest to three log energies (ties to the higher index). */
+int16_t kevrce_lbr_search(const int16_t *energy);
+int16_t kevrce_gauss_noise(kevrce_instance *enc);
+
+void kevrc_encode_frame(kevrce_work *work, kevrce_instance *enc, int16_t rate);
+void kevrce_vlc(kevrce_instance *enc);
+
+/* ---- Noise suppression ------------------------------------------------------- */
+
+void kevrce_noise_suprs(kevrce_instance *enc, int16_t *samples);
+int16_t kevrce_ns_shr(int16_t x, int16_t n);
+int16_t kevrce_ns_shift(int16_t x, int16_t n);
+int16_t kevrce_ns_block_norm(int16_t *buffer, int16_t count, int16_t headroom);
+void kevrce_r_fft(int16_t *buffer, int32_t direction);
+void kevrce_complex_fft(int16_t *buffer, int32_t direction);
+
 /* ---- Tables ---------------------------------------------------------------- */
 
 extern const int16_t kevrc_tbl_lsp_fr[2176];
@@ -157,6 +223,18 @@ extern const int16_t kevrc_tbl_wfac_gamma_2[10];
 extern const int16_t kevrc_tbl_wfac_gamma_4[10];
 extern const int16_t tbl_ham_win1[136];
 extern const int16_t tbl_ham_win[56];
+extern const int16_t kevrce_tbl_energy_search[768];
+extern const int16_t kevrce_tbl_hpf[18];
+extern const int16_t kevrce_tbl_delay_kernel[24];
+extern const int16_t kevrce_tbl_analysis_window[160];
+extern const int32_t kevrce_tbl_lag_window[16];
+extern const int16_t kevrce_tbl_band_filter[2][17];
+extern const int16_t kevrce_tbl_rate_threshold[8][2]; /* [SNR index][0 half, 1 full], Q8 */
+extern const int16_t kevrce_tbl_hangover[8];
+extern const int16_t kevrce_ns_window[104];
+extern const int16_t kevrce_ns_channels[16][4]; /* lo, hi, shift flag, shift count or Q15 factor */
+extern const int32_t kevrce_ns_vm_table[90];
+extern const int16_t kevrce_tbl_phs[128];
 extern const int16_t kevrc_tbl_cos129[129];
 extern const int16_t kevrc_tbl_sin129[129];
 

@@ -1,4 +1,4 @@
-// Library start-up, decoder instance lifecycle and per-frame dispatch,
+// Library start-up, decoder and encoder instance lifecycle and per-frame dispatch,
 // status texts and the version string.
 //
 // An instance is one 32-byte aligned allocation, zeroed, holding its
@@ -10,6 +10,7 @@
 #include "api/kevrc.h"
 #include "api/kevrc_kernels.h"
 #include "decoder/decoder_state.h"
+#include "encoder/encoder_state.h"
 
 namespace {
 
@@ -58,6 +59,46 @@ void decoder_destroy(kevrcd_instance *dec) {
   dec->spare_word = 0;
   dec->self = nullptr;
   kcmn_mfree_align32(dec);
+}
+
+constexpr size_t kEncoderWorkBytes = kevrc::kEncWorkWords * sizeof(int16_t);
+static_assert(sizeof(kevrce_work) <= kEncoderWorkBytes, "encoder work block outgrew its size");
+
+int32_t encoder_alloc_work(void *instance) {
+  auto *enc = static_cast<kevrce_instance *>(instance);
+  void *block = kcmn_malloc_align32(kEncoderWorkBytes);
+  if (block == nullptr) return KEVRC_ERR_NOMEM;
+  std::memset(block, 0, kEncoderWorkBytes);
+  enc->work = static_cast<kevrce_work *>(block);
+  return KEVRC_OK;
+}
+
+void encoder_free_work(void *instance) {
+  auto *enc = static_cast<kevrce_instance *>(instance);
+  if (enc->work != nullptr) kcmn_mfree_align32(enc->work);
+  enc->work = nullptr;
+}
+
+int32_t encoder_process(void *instance, const void *in, void *out, void *result) {
+  return kevrce_enc(static_cast<kevrce_instance *>(instance), static_cast<const kevrc_pcm_buffer *>(in),
+                    static_cast<kevrc_bitstream_buffer *>(out), static_cast<kevrce_result *>(result));
+}
+
+int32_t encoder_init(void *) { return KEVRC_OK; }
+
+// Rate bounds: each 1..4, max not below min (signed comparisons).
+bool rate_bounds_valid(const kevrce_config &c) {
+  return c.max_rate >= 1 && c.max_rate <= 4 && c.min_rate >= 1 && c.min_rate <= 4 &&
+         c.max_rate >= c.min_rate;
+}
+
+void encoder_destroy(kevrce_instance *enc) {
+  if (enc->ops.free_work != nullptr) enc->ops.free_work(enc);
+  enc->ops.alloc_work = nullptr;
+  enc->ops.free_work = nullptr;
+  enc->ops.process = nullptr;
+  enc->self = nullptr;
+  kcmn_mfree_align32(enc);
 }
 
 }  // namespace
@@ -128,19 +169,46 @@ int32_t kevrcd_decode(kevrcd_instance *handle, const kevrc_bitstream_buffer *in,
   return handle->ops.process(handle, in, out, result);
 }
 
-// The encoder is not part of this release: its entry points exist so that
-// hosts link, and creation reports it as unsupported.
 kevrce_instance *kevrce_create(const kevrce_config *config, int32_t *err) {
-  report(err, config == nullptr ? KEVRC_ERR_ARG : KEVRC_ERR_UNSUPPORTED);
-  return nullptr;
+  if (config == nullptr) {
+    report(err, KEVRC_ERR_ARG);
+    return nullptr;
+  }
+  void *block = kcmn_malloc_align32(sizeof(kevrce_instance));
+  if (block == nullptr) {
+    report(err, KEVRC_ERR_NOMEM);
+    return nullptr;
+  }
+  std::memset(block, 0, sizeof(kevrce_instance));
+  auto *enc = static_cast<kevrce_instance *>(block);
+  int32_t status = rate_bounds_valid(*config) ? KEVRC_OK : KEVRC_ERR_ARG;
+  enc->config = *config;
+  if (status == KEVRC_OK && config->reserved != 0) status = KEVRC_ERR_UNSUPPORTED;
+  if (status == KEVRC_OK) {
+    enc->ops = {encoder_alloc_work, encoder_free_work, encoder_process, encoder_init, nullptr};
+    status = enc->ops.alloc_work(enc);
+  }
+  if (status == KEVRC_OK) status = enc->ops.init(enc);
+  if (status != KEVRC_OK) {
+    encoder_destroy(enc);
+    report(err, status);
+    return nullptr;
+  }
+  enc->self = enc;
+  report(err, KEVRC_OK);
+  init_encoder(enc, enc->work);
+  return enc;
 }
 
-void kevrce_delete(kevrce_instance *handle) { (void)handle; }
+void kevrce_delete(kevrce_instance *handle) {
+  if (handle == nullptr) return;
+  encoder_destroy(handle);
+}
 
 int32_t kevrce_encode(kevrce_instance *handle, kevrc_pcm_buffer *in, kevrc_bitstream_buffer *out,
                       kevrce_result *result) {
-  (void)in, (void)out, (void)result;
-  return handle == nullptr ? KEVRC_ERR_ARG : KEVRC_ERR_UNSUPPORTED;
+  if (handle == nullptr || handle->ops.process == nullptr) return KEVRC_ERR_ARG;
+  return handle->ops.process(handle, in, out, result);
 }
 
 const char *kevrc_strerror(int32_t status) {

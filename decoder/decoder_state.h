@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "api/kevrc_kernels.h"
+#include "common/rate_params.h"
 
 namespace kevrc {
 
@@ -29,15 +30,7 @@ constexpr int kApfResLen = kAcbMemory + kMaxSubframe;
 }  // namespace kevrc
 
 // Per-rate selection (set_decode_params): one of three constant records.
-struct kevrcd_rate_params {
-  int16_t num_splits;
-  int16_t split_dims[4];
-  int16_t split_entries[4];
-  int16_t index_bits[4];
-  const int16_t *codebook;
-  const int16_t *fcb_gains;
-  int16_t fcb_gain_count;
-};
+using kevrcd_rate_params = kevrc_rate_params;
 
 // Per-frame scratch, zeroed at the start of every frame.
 struct kevrcd_work {

@@ -21,13 +21,6 @@ namespace {
 
 constexpr int16_t kRateErased = 14;  // internal mark of a blank packet
 
-const kevrcd_rate_params kParamsEighth = {
-    2, {5, 5, 0, 0}, {16, 16, 0, 0}, {4, 4, 0, 0}, kevrc_tbl_lsp_1_8, kevrc_tbl_fcb_gain_hr, 16};
-const kevrcd_rate_params kParamsHalf = {
-    3, {3, 3, 4, 0}, {128, 128, 256, 0}, {7, 7, 8, 0}, kevrc_tbl_lsp_hr, kevrc_tbl_fcb_gain_hr, 16};
-const kevrcd_rate_params kParamsFull = {
-    4, {2, 2, 3, 3}, {64, 64, 512, 128}, {6, 6, 9, 7}, kevrc_tbl_lsp_fr, kevrc_tbl_fcb_gain_fr, 32};
-
 int16_t read_field(kcmn_bsr *reader, int bits) {
   return static_cast<int16_t>(kcmn_bsr_read(reader, bits));
 }
@@ -77,9 +70,9 @@ void unpack_fields(kevrcd_instance *dec, kevrcd_work *w, int16_t rate) {
 
 extern "C" void set_decode_params(kevrcd_instance *dec, int32_t rate) {
   switch (rate) {
-    case 1: dec->st.params = &kParamsEighth; break;
-    case 3: dec->st.params = &kParamsHalf; break;
-    case 4: dec->st.params = &kParamsFull; break;
+    case 1: dec->st.params = &kevrc::kParamsEighth; break;
+    case 3: dec->st.params = &kevrc::kParamsHalf; break;
+    case 4: dec->st.params = &kevrc::kParamsFull; break;
     default: break;
   }
 }

@@ -1,11 +1,18 @@
 #!/bin/sh
 # Installs the Debian packages the build, the tools and the tests need.
-#   install-deps.sh [--test]   (--test adds clang for the fuzzer)
+#   install-deps.sh [--test] [--corpus]
+#     --test    adds clang for the fuzzer
+#     --corpus  adds the speech recordings the training and measurement
+#               tools read (asterisk-core-sounds-{en,es,fr,it}-wav)
 set -eu
 packages="build-essential cmake ninja-build pkg-config libsndfile1-dev libgtest-dev python3"
-if [ "${1:-}" = "--test" ]; then
-  packages="$packages clang libclang-rt-14-dev"
-fi
+for arg in "$@"; do
+  case "$arg" in
+    --test) packages="$packages clang libclang-rt-14-dev" ;;
+    --corpus) packages="$packages asterisk-core-sounds-en-wav asterisk-core-sounds-es-wav asterisk-core-sounds-fr-wav asterisk-core-sounds-it-wav" ;;
+    *) echo "install-deps: unknown option $arg" >&2; exit 2 ;;
+  esac
+done
 missing=""
 for p in $packages; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

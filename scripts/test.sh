@@ -1,8 +1,9 @@
 #!/bin/sh
 # The whole test suite: installs what is missing, builds twice (optimised, and
 # with AddressSanitizer + UndefinedBehaviorSanitizer) and runs every test in
-# both builds; then builds the decoder fuzzer with clang and runs it briefly.
-#   test.sh [FUZZ_SECONDS]   (default 60; 0 skips the fuzzer)
+# both builds; then builds the decoder and encoder fuzzers with clang and runs
+# each briefly.
+#   test.sh [FUZZ_SECONDS]   (seconds per fuzzer, default 60; 0 skips them)
 set -eu
 cd "$(dirname "$0")/.."
 fuzz_seconds=${1:-60}
@@ -38,6 +39,29 @@ if [ "$fuzz_seconds" -gt 0 ] && command -v clang++ >/dev/null 2>&1; then
       -artifact_prefix=build-fuzz/ build-fuzz/corpus "$seeds" >"$log" 2>&1; then
     tail -n 40 "$log"
     echo "test.sh: the fuzzer found a failure (input saved in build-fuzz/)" >&2
+    exit 1
+  fi
+  tail -n 12 "$log"
+
+  echo "== encoder fuzzer, ${fuzz_seconds} s"
+  eseeds=build-fuzz/enc_seeds
+  mkdir -p "$eseeds" build-fuzz/enc_corpus
+  python3 - "$eseeds" <<'PY'
+import math, struct, sys
+# creation selector byte, then 20 frames: a tone sweep with noise bursts, and silence
+for i, sel in enumerate([0x09, 0x0C, 0x4C, 0x49, 0x1B, 0x24, 0x89]):
+    pcm = []
+    for n in range(20 * 160):
+        v = 9000 * math.sin(0.0005 * n * n / 160) if (n // 800) % 2 == 0 else ((n * 7919) % 2001 - 1000) * (i + 1)
+        pcm.append(max(-32768, min(32767, int(v))))
+    with open(f"{sys.argv[1]}/seed{i}", "wb") as f:
+        f.write(bytes([sel]) + struct.pack(f"<{len(pcm)}h", *pcm))
+PY
+  log=build-fuzz/fuzz_encoder.log
+  if ! build-fuzz/fuzz/fuzz_encoder -max_total_time="$fuzz_seconds" -max_len=16100 -print_final_stats=1 \
+      -artifact_prefix=build-fuzz/enc_ build-fuzz/enc_corpus "$eseeds" >"$log" 2>&1; then
+    tail -n 40 "$log"
+    echo "test.sh: the encoder fuzzer found a failure (input saved in build-fuzz/)" >&2
     exit 1
   fi
   tail -n 12 "$log"

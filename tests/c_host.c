@@ -1,5 +1,6 @@
-/* A C host: includes the public header as C, links the shared library and
- * decodes a few packets in each output layout. Exit status 0 on success. */
+/* A C host: includes the public header as C, links the shared library,
+ * decodes a few packets in each output layout and encodes a few frames.
+ * Exit status 0 on success. */
 #include <stdio.h>
 #include <string.h>
 
@@ -40,6 +41,28 @@ int main(void) {
       }
     }
     kevrcd_delete(dec);
+  }
+  {
+    static const kevrce_config ecfg = {1, 1, 0, 0};
+    int32_t err = -1;
+    int16_t pcm[KEVRC_FRAME_SAMPLES];
+    unsigned char payload[24];
+    kevrc_pcm_buffer in;
+    kevrc_bitstream_buffer out;
+    kevrce_result result;
+    kevrce_instance *enc = kevrce_create(&ecfg, &err);
+    if (enc == NULL || err != KEVRC_OK) return 4;
+    memset(&in, 0, sizeof in);
+    in.data[0] = pcm;
+    out.data = payload;
+    out.user = 0;
+    out.size = 0;
+    for (i = 0; i < 10; ++i) {
+      int n;
+      for (n = 0; n < KEVRC_FRAME_SAMPLES; ++n) pcm[n] = (int16_t)((n * 37 + i * 11) % 2001 - 1000);
+      if (kevrce_encode(enc, &in, &out, &result) != KEVRC_OK || result.rate != 1 || result.bytes != 2) return 5;
+    }
+    kevrce_delete(enc);
   }
   kevrc_deinit();
   printf("C host decoded with kevrc %s\n", kevrc_version());

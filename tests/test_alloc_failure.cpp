@@ -61,4 +61,43 @@ TEST(AllocationFailure, EachFailedAllocationReportsNoMemoryAndLeaksNothing) {
   EXPECT_EQ(g_outstanding, 0);
 }
 
+TEST(AllocationFailure, EncoderCreationCleansUpAndEncodingAllocatesNothing) {
+  const kevrce_config cfg = {1, 1, 0, 0};
+  for (int fail = 0; fail < 2; ++fail) {
+    g_fail_at = fail;
+    g_calls = 0;
+    int32_t err = 0;
+    EXPECT_EQ(kevrce_create(&cfg, &err), nullptr);
+    EXPECT_EQ(err, KEVRC_ERR_NOMEM);
+    EXPECT_EQ(g_outstanding, 0);
+  }
+  g_fail_at = -1;
+  int32_t err = 1;
+  kevrce_instance *e = kevrce_create(&cfg, &err);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(g_outstanding, 2);
+  const int before = g_calls;
+  int16_t pcm[160];
+  uint8_t payload[24];
+  kevrc_pcm_buffer in = {};
+  in.data[0] = pcm;
+  kevrc_bitstream_buffer out = {payload, 0, 0};
+  kevrce_result res;
+  for (int i = 0; i < 50; ++i) {
+    for (int n = 0; n < 160; ++n) pcm[n] = static_cast<int16_t>((n * 131 + i * 17) % 4001 - 2000);
+    EXPECT_EQ(kevrce_encode(e, &in, &out, &res), KEVRC_OK);
+  }
+  EXPECT_EQ(g_calls, before);
+  kevrce_delete(e);
+  EXPECT_EQ(g_outstanding, 0);
+  // Refusals after the instance allocation free it again.
+  const kevrce_config bad_bounds = {3, 4, 0, 0};
+  const kevrce_config reserved = {4, 1, 7, 0};
+  EXPECT_EQ(kevrce_create(&bad_bounds, &err), nullptr);
+  EXPECT_EQ(err, KEVRC_ERR_ARG);
+  EXPECT_EQ(kevrce_create(&reserved, &err), nullptr);
+  EXPECT_EQ(err, KEVRC_ERR_UNSUPPORTED);
+  EXPECT_EQ(g_outstanding, 0);
+}
+
 }  // namespace

@@ -85,15 +85,6 @@ TEST(Api, UnknownOutputFormatDecodesButDeliversNothing) {
   }
 }
 
-TEST(Api, EncoderEntryPointsLinkAndReportUnsupported) {
-  const kevrce_config cfg = {4, 1, 0, 0};
-  int32_t err = 0;
-  EXPECT_EQ(kevrce_create(&cfg, &err), nullptr);
-  EXPECT_EQ(err, KEVRC_ERR_UNSUPPORTED);
-  EXPECT_EQ(kevrce_encode(nullptr, nullptr, nullptr, nullptr), KEVRC_ERR_ARG);
-  kevrce_delete(nullptr);
-}
-
 TEST(Api, StatusTextsAndVersion) {
   for (int32_t s : {0, -1, -2, -3, -4, -5, -8, -9}) {
     ASSERT_NE(kevrc_strerror(s), nullptr);

@@ -10,6 +10,7 @@
 #include "api/kevrc.h"
 #include "api/kevrc_kernels.h"
 #include "decoder/decoder_state.h"
+#include "encoder/encoder_state.h"
 #include "tools/support/packet_gen.h"
 
 namespace kevrc::testing {
@@ -54,6 +55,51 @@ class Decoder {
  private:
   kevrcd_config cfg_;
   kevrcd_instance *dec_ = nullptr;
+};
+
+
+// An encoder instance that is deleted at the end of the scope.
+class Encoder {
+ public:
+  explicit Encoder(kevrce_config cfg = {1, 1, 0, 0}) : cfg_(cfg) {
+    int32_t err = 1;
+    enc_ = kevrce_create(&cfg_, &err);
+    EXPECT_NE(enc_, nullptr);
+    EXPECT_EQ(err, KEVRC_OK);
+  }
+  ~Encoder() { kevrce_delete(enc_); }
+  Encoder(const Encoder &) = delete;
+  Encoder &operator=(const Encoder &) = delete;
+
+  kevrce_instance *get() { return enc_; }
+  kevrce_work &work() { return *enc_->work; }
+
+  struct Frame {
+    int32_t status = 0;
+    kevrce_result result = {-99, -99};
+    std::array<uint8_t, 24> payload{};
+    std::array<int16_t, 160> conditioned{};  // the input after conditioning
+    // The payload with the rate byte in front, as the decoder reads it.
+    Packet packet() const {
+      Packet p{static_cast<uint8_t>(result.rate)};
+      p.insert(p.end(), payload.begin(), payload.begin() + result.bytes);
+      return p;
+    }
+  };
+
+  Frame encode(const int16_t *samples) {
+    Frame f;
+    std::copy(samples, samples + 160, f.conditioned.begin());
+    kevrc_pcm_buffer in = {};
+    in.data[0] = f.conditioned.data();
+    kevrc_bitstream_buffer out = {f.payload.data(), 0, 0};
+    f.status = kevrce_encode(enc_, &in, &out, &f.result);
+    return f;
+  }
+
+ private:
+  kevrce_config cfg_;
+  kevrce_instance *enc_ = nullptr;
 };
 
 inline int64_t energy(const std::array<int16_t, 160> &pcm) {

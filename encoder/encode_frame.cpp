@@ -1,0 +1,162 @@
+// Frame coding at the chosen rate: kevrc_encode_frame(work, enc, rate).
+//
+// work (in/out) holds the frame's analysis (unquantized LSPs, residual,
+// open-loop delay and gain) and receives the coded parameters that the packer
+// reads; enc (in/out) carries the inter-frame memories. rate is 1, 3 or 4;
+// any other value keeps the previous rate's quantizer record and takes the
+// full/half-rate path.
+//
+// Eighth rate: two-split LSP quantization, then per subframe (53, 53, 54) the
+// interpolated synthesis filter's impulse-response gain, the energy
+// measurement, at the last subframe the energy search and the noise
+// excitation, and the update of the weighted-synthesis memories.
+// Full and half rate: LSP quantization, the delay correction that pulls the
+// accumulated time shift back, and the delta delay. The subframe loop that
+// codes their excitation is not part of this release (the frame driver
+// reports such frames as unsupported).
+// Every rate ends with the frame-end updates: frame counter, previous rate,
+// LSP memories.
+#include <cstring>
+
+#include "api/kevrc_kernels.h"
+#include "common/fixed_point.h"
+#include "encoder/encoder_state.h"
+
+namespace kevrc {
+namespace {
+
+constexpr int16_t kVoicedGain = 13107;    // 0.4 in Q15
+constexpr int16_t kUnvoicedGain = 3277;   // 0.1 in Q15
+constexpr int16_t kShiftFar = 5120;       // 20 samples in 1/256 sample
+constexpr int16_t kShiftNear = 2560;      // 10 samples
+constexpr int16_t kMinDelay = 20;
+constexpr int16_t kMaxDelay = 120;
+
+void select_params(kevrce_instance *enc, int16_t rate) {
+  enc->rate = rate;
+  if (rate == 4) enc->params = &kParamsFull;
+  if (rate == 3) enc->params = &kParamsHalf;
+}
+
+// Weighted split VQ of the frame's LSPs with a quantizer record's layout.
+void quantize_lsp(kevrce_work *w, const kevrce_rate_params &p) {
+  kevrce_norm_lsp(w->lsp, w->lsp_weight, w->lsp_shift);
+  kevrce_lspmaq(w->lsp, p.num_splits, p.split_dims, p.split_entries, w->lsp_weight, w->lsp_index,
+                p.codebook, w->lsp_shift);
+  std::memcpy(w->lsp_q, w->lsp_weight, sizeof w->lsp_q);
+}
+
+// Quantized LPC of subframe i, interpolated from the previous frame's LSPs.
+void subframe_lpc_q(const kevrce_instance *enc, kevrce_work *w, int i) {
+  kevrc_interpol(w->sub_lsp_q, enc->prev_lsp_q, w->lsp_q, static_cast<int16_t>(i));
+  int16_t lsp[10];
+  std::memcpy(lsp, w->sub_lsp_q, sizeof lsp);  // lsp2lpc repairs its argument
+  kevrc_lsp2lpc(lsp, w->aq);
+}
+
+void eighth_rate_frame(kevrce_work *w, kevrce_instance *enc) {
+  enc->params = &kParamsHalf;  // the eighth rate uses the half-rate gain table
+  enc->rcelp_shift = 0;
+  enc->rcelp_carry = 0;
+  quantize_lsp(w, kParamsEighth);
+  const int16_t *residual = &w->residual[80];
+  for (int i = 0; i < 3; ++i) {
+    const auto L = static_cast<int16_t>(kEncSubframeLen[i]);
+    subframe_lpc_q(enc, w, i);
+    kevrce_imp_res(w->aq, w->h);
+    const int16_t gain = kevrce_imp_res_gain(w->h, L);
+    const int16_t keep_seed = (i == 0 && enc->prev_rate != 1 && enc->frame_count == 0) ? 0 : 1;
+    kevrce_calcexc_lbr(enc, gain, residual, L, keep_seed, static_cast<int16_t>(i), enc->exc,
+                       &w->energy_index);
+    // Subframes 0 and 1 run the memories over older excitation; only the
+    // last subframe's update sees the new noise. This order is intended.
+    int16_t *tail = &enc->exc[kEncAcbMemory - L];
+    kevrce_zeroinput(enc, w->aq, w->aq, tail, L, 1, w->zir);
+    residual += L;
+  }
+  // An all-ones eighth-rate packet is never sent.
+  if (w->lsp_index[0] == 15 && w->lsp_index[1] == 15 && w->energy_index == 255) w->energy_index = 127;
+}
+
+// Moves the frame's delay by one sample so that the accumulated shift drifts
+// back; two thresholds give hysteresis, and voiced frames are left alone.
+int16_t corrected_delay(kevrce_instance *enc, int16_t d, int16_t b) {
+  const int16_t s = enc->rcelp_shift;
+  int16_t &st = enc->delay_adjust;
+  if (b < kUnvoicedGain) {
+    enc->rcelp_shift = 0;
+    enc->rcelp_carry = 0;
+    st = 0;
+  } else if (s > kShiftFar) {
+    st = -1;
+    if (b < kVoicedGain) --d;
+  } else if (s < -kShiftFar) {
+    st = 1;
+    if (b < kVoicedGain) ++d;
+  } else if (s > kShiftNear) {
+    if (st == 1) {
+      st = 0;
+    } else if (st == -1 && b < kVoicedGain) {
+      --d;
+    }
+  } else if (s < -kShiftNear) {
+    if (st == -1) {
+      st = 0;
+    } else if (st == 1 && b < kVoicedGain) {
+      ++d;
+    }
+  } else {
+    st = 0;
+  }
+  return d < kMinDelay ? kMinDelay : (d > kMaxDelay ? kMaxDelay : d);
+}
+
+// Full rate sends D - P in 1..31 (0 when |D - P| >= 16, restarting the
+// contour at D); half rate sends none but restarts the contour the same way.
+void delta_delay(kevrce_work *w, kevrce_instance *enc, int16_t rate) {
+  const int d = w->delay - enc->prev_delay;
+  const int mag = d < 0 ? -d : d;
+  w->delta_delay = 0;
+  if (rate == 4 && mag < 16) {
+    w->delta_delay = static_cast<int16_t>(d + 16);
+  } else if (mag > 15) {
+    enc->prev_delay = w->delay;
+  }
+}
+
+void full_half_rate_frame(kevrce_work *w, kevrce_instance *enc, int16_t rate) {
+  quantize_lsp(w, *enc->params);
+  w->delay = corrected_delay(enc, w->ol_delay, w->ol_gain);
+  delta_delay(w, enc, rate);
+  w->lpc_flag = 0;
+  std::memset(w->acb_gain_index, 0, sizeof w->acb_gain_index);
+  std::memset(w->fcb_gain_index, 0, sizeof w->fcb_gain_index);
+  std::memset(w->fcb_words, 0, sizeof w->fcb_words);
+  const int index_sum = w->acb_gain_index[0] + w->acb_gain_index[1] + w->acb_gain_index[2];
+  if (index_sum < 2 && w->rcelp_hold != 1) {
+    enc->rcelp_shift = 0;
+    enc->rcelp_carry = 0;
+  }
+  enc->prev_delay = w->delay;
+}
+
+void frame_end(kevrce_work *w, kevrce_instance *enc, int16_t rate) {
+  ++enc->frame_count;
+  enc->prev_rate = rate;
+  std::memcpy(enc->prev_lsp_q, w->lsp_q, sizeof enc->prev_lsp_q);
+  std::memcpy(enc->prev_lsp, w->lsp, sizeof enc->prev_lsp);
+}
+
+}  // namespace
+}  // namespace kevrc
+
+extern "C" void kevrc_encode_frame(kevrce_work *work, kevrce_instance *enc, int16_t rate) {
+  using namespace kevrc;
+  select_params(enc, rate);
+  if (rate == 1) {
+    eighth_rate_frame(work, enc);
+  } else {
+    full_half_rate_frame(work, enc, rate);
+  }
+  frame_end(work, enc, rate);
+}

@@ -1,0 +1,101 @@
+// The encoder's per-frame operation and its starting state.
+//
+// kevrce_enc(enc, in, out, result): in->data[0] (in/out) holds 160 16-bit
+//   samples, replaced by the conditioned speech that is coded; out->data
+//   receives the payload (at least 24 writable bytes; no rate byte); result
+//   gets the rate code and the payload size (2, 10 or 22). Returns 0, or
+//   KEVRC_ERR_ARG for a null record or buffer or a noise-suppression switch
+//   other than 0 or 1 (the latter after the high-pass filter has run), or
+//   KEVRC_ERR_UNSUPPORTED for a frame that the rate decision puts at half or
+//   full rate: this release codes eighth-rate frames only, so such a frame
+//   advances the analysis state but produces no packet.
+// init_encoder(enc, work): the starting values of a freshly zeroed instance.
+#include <cstring>
+
+#include "api/kevrc_kernels.h"
+#include "common/fixed_point.h"
+#include "encoder/encoder_state.h"
+
+namespace kevrc {
+namespace {
+
+constexpr int16_t kFirstNoiseSeed = 1234;
+constexpr int16_t kFirstImpulseEnergy = 8;
+constexpr int32_t kPacketWords = 12;  // 24 bytes: the full-rate packer's padding lands in word 12
+
+// Halves every sample, rounding half-way values up: 3 -> 2, -3 -> -1, -1 -> 0.
+void halve(int16_t *samples) {
+  for (int n = 0; n < kEncFrameLen; ++n) {
+    samples[n] = static_cast<int16_t>((samples[n] & 1) + (samples[n] >> 1));
+  }
+}
+
+int32_t payload_bytes(int16_t rate) {
+  if (rate == 1) return 2;
+  if (rate == 4) return 22;
+  return 10;
+}
+
+bool records_present(const kevrc_pcm_buffer *in, const kevrc_bitstream_buffer *out,
+                     const kevrce_result *result) {
+  return in != nullptr && out != nullptr && result != nullptr && in->data[0] != nullptr &&
+         out->data != nullptr;
+}
+
+}  // namespace
+}  // namespace kevrc
+
+extern "C" int32_t kevrce_enc(kevrce_instance *enc, const kevrc_pcm_buffer *in,
+                              kevrc_bitstream_buffer *out, kevrce_result *result) {
+  using namespace kevrc;
+  if (enc == nullptr || enc->work == nullptr || !records_present(in, out, result)) return KEVRC_ERR_ARG;
+  kevrce_work *w = enc->work;
+  auto *samples = static_cast<int16_t *>(in->data[0]);
+
+  std::memcpy(w->hpf_in, samples, sizeof w->hpf_in);
+  kevrce_hpf(enc, w->hpf_in);
+  std::memcpy(samples, w->hpf_in, sizeof w->hpf_in);
+
+  const int32_t ns_switch = enc->config.noise_suppression;
+  if (ns_switch == 1) {
+    kevrce_noise_suprs(enc, samples);
+    kevrce_noise_suprs(enc, samples + kEncFrameLen / 2);
+  } else if (ns_switch == 0) {
+    halve(samples);
+  } else {
+    return KEVRC_ERR_ARG;
+  }
+
+  const int16_t analysis = kevrce_pre_encode(enc, samples);
+  const int16_t rate =
+      kevrce_rate_detection(enc, w->r, enc->config.max_rate, enc->config.min_rate, analysis);
+
+  kevrce_bsw_init(&enc->bsw, out->data, kPacketWords);
+  kevrc_encode_frame(w, enc, rate);
+  if (rate != 1) return KEVRC_ERR_UNSUPPORTED;  // no half/full-rate excitation coder yet
+  kevrce_vlc(enc);
+
+  result->rate = rate;
+  result->bytes = payload_bytes(rate);
+  return KEVRC_OK;
+}
+
+extern "C" void init_encoder(kevrce_instance *enc, kevrce_work *work) {
+  using namespace kevrc;
+  enc->rate = 4;
+  enc->params = &kParamsFull;
+  std::memcpy(enc->prev_lsp_q, kevrc_prev_lsp, sizeof enc->prev_lsp_q);
+  std::memcpy(enc->prev_lsp, kevrc_prev_lsp, sizeof enc->prev_lsp);
+  enc->prev_delay = 40;
+  enc->delay_adjust = 0;
+  enc->rcelp_shift = 0;
+  enc->rcelp_carry = 0;
+  enc->frame_count = 0;
+  enc->prev_rate = 0;
+  enc->noise_seed = kFirstNoiseSeed;
+  enc->noise_pair_flag = 0;
+  enc->ns.bin_gain[0] = 32767;
+  enc->ns.bin_gain[1] = 32767;
+  std::memcpy(enc->delay_kernel, kevrce_tbl_delay_kernel, sizeof enc->delay_kernel);
+  work->prev_eh = kFirstImpulseEnergy;
+}

@@ -1,0 +1,48 @@
+// Input high-pass filter of the encoder: three second-order sections in
+// cascade (kevrce_tbl_hpf, Q14), a double zero at 0 Hz.
+//
+// kevrce_hpf(enc, samples): samples (in/out) are the frame's 160 16-bit
+// input samples, replaced by the filter output. Each section keeps its last
+// two 16-bit inputs and 32-bit outputs in enc->hpf across frames. A section's
+// 32-bit output y is handed on as the 16-bit sample (16*y + 0x8000) >> 16,
+// saturated; its feedback uses a split 32 x 16 product of y and the Q14
+// coefficient; all other sums wrap.
+#include "api/kevrc_kernels.h"
+#include "common/fixed_point.h"
+#include "encoder/encoder_state.h"
+
+namespace kevrc {
+namespace {
+
+// 2*c*(y >> 16) + ((low half of y >> 1) * c >> 14): about y*c/16384.
+int32_t feedback(int32_t y, int16_t c) {
+  const int32_t low = static_cast<int32_t>((static_cast<uint32_t>(y) & 0xFFFFu) >> 1);
+  return add32_wrap(mul2_16(static_cast<int16_t>(hi16(y)), c), (low * c) >> 14);
+}
+
+// The sample handed on: (16*y + 0x8000) >> 16 computed exactly, saturated.
+int16_t section_output(int32_t y) { return sat16_64((int64_t{y} * 16 + 32768) >> 16); }
+
+void run_section(const int16_t *coef, int16_t *x_hist, int32_t *y_hist, int16_t *samples) {
+  for (int n = 0; n < kEncFrameLen; ++n) {
+    const int16_t x = samples[n];
+    int32_t a = add32_wrap(mul2_16(coef[0], x_hist[0]), mul2_16(coef[1], x_hist[1]));
+    a = add32_wrap(a, mul2_16(coef[2], x));
+    int32_t y = sub32_wrap(a >> 4, feedback(y_hist[0], coef[3]));
+    y = shl32_wrap(sub32_wrap(y, feedback(y_hist[1], coef[4])), 2);
+    x_hist[0] = x_hist[1];
+    x_hist[1] = x;
+    y_hist[0] = y_hist[1];
+    y_hist[1] = y;
+    samples[n] = section_output(y);
+  }
+}
+
+}  // namespace
+}  // namespace kevrc
+
+extern "C" void kevrce_hpf(kevrce_instance *enc, int16_t *samples) {
+  for (int s = 0; s < 3; ++s) {
+    kevrc::run_section(&kevrce_tbl_hpf[6 * s], enc->hpf.x[s], enc->hpf.y[s], samples);
+  }
+}

@@ -1,0 +1,131 @@
+// LSP quantization: a weighted split vector quantizer searched split by
+// split, with an ordering constraint at the seams between splits.
+//
+// kevrce_norm_lsp(lsp, weight, shift)
+//   lsp     in   10 unquantized LSPs, Q15 (16384 = 4 kHz), ascending.
+//   weight  out  10 weights, Q15 scaled by 2^-shift: about 1 + 1/(2 pi d),
+//                d the spacing to the nearer neighbour as a fraction of
+//                4 kHz (the first LSP only looks at the second). Spacings
+//                that normalise to exactly 16384 come out negative.
+//   shift   out  10 normalisation exponents of the spacings, 0..15.
+//
+// kevrce_lspmaq(lsp, num_splits, split_dims, split_entries, weight, index,
+//               codebook, shift) -> weight
+//   lsp            in      10 unquantized LSPs, Q15.
+//   num_splits     in      number of splits (2, 3 or 4).
+//   split_dims     in      LSPs per split, [0 .. num_splits).
+//   split_entries  in      codewords per split, [0 .. num_splits).
+//   weight         in/out  the weights of kevrce_norm_lsp; each split's
+//                          positions are overwritten with the chosen codeword
+//                          once the split is decided, so on return it holds
+//                          the quantized LSP vector (Q15).
+//   index          out     the chosen codeword per split, [0 .. num_splits).
+//   codebook       in      the splits' codebooks one after another, each
+//                          codeword the split's LSPs in position order.
+//   shift          in      the exponents of kevrce_norm_lsp.
+// Ties go to the later codeword; a codeword whose first value is not more
+// than 261 above the previous split's last quantized LSP scores 32767.
+#include "api/kevrc_kernels.h"
+#include "common/fixed_point.h"
+
+namespace kevrc {
+namespace {
+
+constexpr int kOrder = 10;
+constexpr int16_t kWorst = 32767;
+constexpr int32_t kMinSeam = 261;  // minimum seam spacing, Q15 (about 64 Hz)
+constexpr int16_t kInvTwoPi = 5215;  // 1/(2 pi) in Q15
+constexpr int32_t kTwoPow29 = 536870912;
+
+// Spacing of each LSP to its nearer neighbour (16-bit differences).
+void spacings(const int16_t *lsp, int16_t *d) {
+  d[0] = sub16_wrap(lsp[1], lsp[0]);
+  d[kOrder - 1] = sub16_wrap(lsp[kOrder - 1], lsp[kOrder - 2]);
+  for (int i = kOrder - 2; i >= 1; --i) {
+    const int16_t below = sub16_wrap(lsp[i], lsp[i - 1]);
+    const int16_t above = sub16_wrap(lsp[i + 1], lsp[i]);
+    d[i] = below < above ? below : above;
+  }
+}
+
+// Weight of one spacing d, with its exponent e: (32768 >> e) plus 1/(2 pi)
+// times 2^29 / (d << e), all kept to 16 bits. A normalised spacing of exactly
+// 16384 gives the quotient 32768, which wraps to -32768.
+int16_t spacing_weight(int16_t d, int16_t *e_out) {
+  const int16_t e = norm_32(shl32_wrap(d, 16));
+  const int16_t m = wrap16(shl32_wrap(d, e));
+  const int16_t q = m == 0 ? int16_t{0} : wrap16(kTwoPow29 / m);
+  *e_out = e;
+  return wrap16(add32_wrap(32768 >> e, mul16(q, kInvTwoPi) >> 15));
+}
+
+// t0 << n saturated, one bit at a time: overflow is the first step whose bit
+// 31 differs from the sign of t0 (0 counting as negative); then the result
+// is -32768 for t0 <= 0 and 32767 otherwise, else the high half.
+int16_t weighted_term(int32_t t0, int16_t n) {
+  if (n <= 0) return static_cast<int16_t>(t0 >> 16);
+  const bool negative = t0 <= 0;
+  int32_t v = t0;
+  for (int step = 0; step < n; ++step) {
+    v = shl32_wrap(v, 1);
+    if ((v < 0) != negative) return negative ? int16_t{-32768} : int16_t{32767};
+  }
+  return static_cast<int16_t>(v >> 16);
+}
+
+// Weighted squared distance of one codeword to lsp[first .. first + n),
+// rounded to 16 bits (saturated).
+int16_t distance(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
+                 int n, const int16_t *codeword) {
+  int32_t acc = 0;
+  for (int k = 0; k < n; ++k) {
+    const int p = first + k;
+    const int16_t diff = sub16_wrap(lsp[p], codeword[k]);
+    const int16_t t = weighted_term(mul2_16(weight[p], diff), shift[p]);
+    acc = add32_wrap(acc, mul16(diff, t));
+  }
+  return round16_sat(shl32_wrap(acc, 1));
+}
+
+// Searches one split's codebook; returns the chosen index.
+uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
+                      int n, int entries, const int16_t *book) {
+  int16_t best = kWorst;
+  uint16_t chosen = 0;
+  for (int j = 0; j < entries; ++j) {
+    const int16_t *codeword = book + j * n;
+    int16_t dist = distance(lsp, weight, shift, first, n, codeword);
+    if (first > 0 && codeword[0] <= weight[first - 1] + kMinSeam) dist = kWorst;
+    if (dist <= best) {
+      best = dist;
+      chosen = static_cast<uint16_t>(j);
+    }
+  }
+  return chosen;
+}
+
+}  // namespace
+}  // namespace kevrc
+
+extern "C" void kevrce_norm_lsp(const int16_t *lsp, int16_t *weight, int16_t *shift) {
+  using namespace kevrc;
+  spacings(lsp, weight);  // the spacings are held in the weight array meanwhile
+  for (int i = kOrder - 1; i >= 0; --i) weight[i] = spacing_weight(weight[i], &shift[i]);
+}
+
+extern "C" int16_t *kevrce_lspmaq(const int16_t *lsp, int16_t num_splits, const int16_t *split_dims,
+                                  const int16_t *split_entries, int16_t *weight, uint16_t *index,
+                                  const int16_t *codebook, const int16_t *shift) {
+  using namespace kevrc;
+  int first = 0;
+  const int16_t *book = codebook;
+  for (int s = 0; s < num_splits; ++s) {
+    const int n = split_dims[s];
+    index[s] = search_split(lsp, weight, shift, first, n, split_entries[s], book);
+    const int16_t *chosen = book + index[s] * n;
+    for (int k = 0; k < n; ++k) weight[first + k] = chosen[k];
+    first += n;
+    book += n * split_entries[s];
+  }
+  return weight;
+}

@@ -1,0 +1,248 @@
+// Encoder lifecycle, frame driver (input high-pass filter, level
+// conditioning, result record) and payload packing.
+#include <algorithm>
+#include <cmath>
+#include <memory>
+
+#include "tests/test_util.h"
+
+namespace kevrc {
+namespace {
+
+using testing::Encoder;
+
+kevrce_instance *create(kevrce_config cfg, int32_t *err) { return kevrce_create(&cfg, err); }
+
+TEST(EncoderApi, CreationChecksRateBoundsAndReserved) {
+  struct Case {
+    kevrce_config cfg;
+    int32_t status;
+  };
+  const Case cases[] = {
+      {{4, 1, 0, 0}, KEVRC_OK},           {{1, 1, 0, 1}, KEVRC_OK},
+      {{3, 4, 0, 0}, KEVRC_ERR_ARG},      {{5, 1, 0, 0}, KEVRC_ERR_ARG},
+      {{0, 0, 0, 0}, KEVRC_ERR_ARG},      {{4, 0, 0, 0}, KEVRC_ERR_ARG},
+      {{4, 5, 0, 0}, KEVRC_ERR_ARG},      {{-1, -2, 0, 0}, KEVRC_ERR_ARG},
+      {{4, 1, 1, 0}, KEVRC_ERR_UNSUPPORTED},
+      {{5, 1, 1, 0}, KEVRC_ERR_ARG},  // the bounds are checked first
+      {{4, 1, 0, 2}, KEVRC_OK},  // the switch is checked at every encode
+  };
+  for (const Case &c : cases) {
+    int32_t err = 12345;
+    kevrce_instance *enc = create(c.cfg, &err);
+    EXPECT_EQ(err, c.status) << c.cfg.max_rate << "," << c.cfg.min_rate << "," << c.cfg.reserved;
+    EXPECT_EQ(enc != nullptr, c.status == KEVRC_OK);
+    kevrce_delete(enc);
+    // A null status pointer suppresses the report only.
+    enc = create(c.cfg, nullptr);
+    EXPECT_EQ(enc != nullptr, c.status == KEVRC_OK);
+    kevrce_delete(enc);
+  }
+  int32_t err = 0;
+  EXPECT_EQ(kevrce_create(nullptr, &err), nullptr);
+  EXPECT_EQ(err, KEVRC_ERR_ARG);
+  kevrce_delete(nullptr);
+}
+
+TEST(EncoderApi, StartingState) {
+  Encoder e;
+  const kevrce_instance *enc = e.get();
+  EXPECT_EQ(enc->self, enc);
+  EXPECT_EQ(enc->rate, 4);
+  EXPECT_EQ(enc->params->num_splits, 4);
+  EXPECT_EQ(enc->prev_delay, 40);
+  EXPECT_EQ(enc->noise_seed, 1234);
+  EXPECT_EQ(enc->ns.bin_gain[0], 32767);
+  EXPECT_EQ(enc->ns.bin_gain[1], 32767);
+  EXPECT_EQ(enc->work->prev_eh, 8);
+  EXPECT_EQ(enc->delay_kernel[12], 32767);
+  EXPECT_TRUE(std::equal(enc->prev_lsp, enc->prev_lsp + 10, kevrc_prev_lsp));
+  EXPECT_TRUE(std::equal(enc->prev_lsp_q, enc->prev_lsp_q + 10, kevrc_prev_lsp));
+  EXPECT_EQ(enc->ops.reset, nullptr);
+}
+
+TEST(EncoderApi, NullArgumentsAreRejectedWithoutTouchingState) {
+  Encoder e;
+  std::array<int16_t, 160> pcm{};
+  std::array<uint8_t, 24> payload{};
+  kevrc_pcm_buffer in = {};
+  in.data[0] = pcm.data();
+  kevrc_bitstream_buffer out = {payload.data(), 0, 0};
+  kevrce_result result = {};
+  EXPECT_EQ(kevrce_encode(nullptr, &in, &out, &result), KEVRC_ERR_ARG);
+  EXPECT_EQ(kevrce_encode(e.get(), nullptr, &out, &result), KEVRC_ERR_ARG);
+  EXPECT_EQ(kevrce_encode(e.get(), &in, nullptr, &result), KEVRC_ERR_ARG);
+  EXPECT_EQ(kevrce_encode(e.get(), &in, &out, nullptr), KEVRC_ERR_ARG);
+  kevrc_pcm_buffer no_samples = {};
+  EXPECT_EQ(kevrce_encode(e.get(), &no_samples, &out, &result), KEVRC_ERR_ARG);
+  kevrc_bitstream_buffer no_payload = {nullptr, 0, 0};
+  EXPECT_EQ(kevrce_encode(e.get(), &in, &no_payload, &result), KEVRC_ERR_ARG);
+  EXPECT_EQ(e.get()->frame_count, 0u);
+  EXPECT_EQ(kevrce_encode(e.get(), &in, &out, &result), KEVRC_OK);
+  EXPECT_EQ(e.get()->frame_count, 1u);
+}
+
+// A bad noise-suppression switch fails every frame with -4, after the
+// high-pass filter has replaced the caller's samples.
+TEST(EncoderApi, BadNoiseSwitchFailsAfterFiltering) {
+  Encoder bad({1, 1, 0, 2});
+  Encoder twin;
+  std::array<int16_t, 160> x{};
+  for (int n = 0; n < 160; ++n) x[n] = static_cast<int16_t>(n * 97 % 2000 - 1000);
+  for (int frame = 0; frame < 3; ++frame) {
+    Encoder::Frame f = bad.encode(x.data());
+    EXPECT_EQ(f.status, KEVRC_ERR_ARG);
+    EXPECT_EQ(f.result.rate, -99);  // untouched
+    std::array<int16_t, 160> expected = x;
+    kevrce_hpf(twin.get(), expected.data());
+    EXPECT_EQ(f.conditioned, expected);
+  }
+  EXPECT_EQ(bad.get()->frame_count, 0u);
+}
+
+// ---- Input high-pass filter ------------------------------------------------
+
+TEST(HighPass, SilenceStaysSilentWithZeroMemories) {
+  Encoder e;
+  std::array<int16_t, 160> x{};
+  kevrce_hpf(e.get(), x.data());
+  EXPECT_TRUE(std::all_of(x.begin(), x.end(), [](int16_t v) { return v == 0; }));
+  for (int s = 0; s < 3; ++s) {
+    for (int k = 0; k < 2; ++k) {
+      EXPECT_EQ(e.get()->hpf.x[s][k], 0);
+      EXPECT_EQ(e.get()->hpf.y[s][k], 0);
+    }
+  }
+}
+
+// A constant input of any size dies away within a few hundred samples.
+TEST(HighPass, DcDecays) {
+  for (int16_t dc : {int16_t{32767}, int16_t{-32768}, int16_t{1000}, int16_t{-7}}) {
+    Encoder e;
+    std::array<int16_t, 160> x{};
+    int last_peak = 0;
+    for (int frame = 0; frame < 4; ++frame) {
+      x.fill(dc);
+      kevrce_hpf(e.get(), x.data());
+      last_peak = 0;
+      for (int16_t v : x) last_peak = std::max(last_peak, std::abs(int{v}));
+    }
+    EXPECT_LE(last_peak, 2) << dc;
+  }
+}
+
+// Unity gain in the pass band: a 1 kHz tone passes within 0.5 dB, a 50 Hz
+// tone is attenuated by more than 10 dB.
+TEST(HighPass, PassesSpeechBandStopsHum) {
+  auto gain_db = [](double hz) {
+    Encoder e;
+    double in_e = 0, out_e = 0;
+    for (int frame = 0; frame < 20; ++frame) {
+      std::array<int16_t, 160> x{};
+      for (int n = 0; n < 160; ++n) {
+        x[n] = static_cast<int16_t>(std::lround(8000 * std::sin(2 * M_PI * hz * (frame * 160 + n) / 8000)));
+      }
+      std::array<int16_t, 160> y = x;
+      kevrce_hpf(e.get(), y.data());
+      if (frame < 10) continue;
+      for (int n = 0; n < 160; ++n) {
+        in_e += static_cast<double>(x[n]) * x[n];
+        out_e += static_cast<double>(y[n]) * y[n];
+      }
+    }
+    return 10 * std::log10(out_e / in_e);
+  };
+  EXPECT_NEAR(gain_db(1000), 0.0, 0.5);
+  EXPECT_LT(gain_db(50), -10.0);
+}
+
+// Against a double-precision model of the three sections (each output
+// rounded and clamped to 16 bits as handed on): within a few units.
+TEST(HighPass, MatchesDoublePrecisionCascade) {
+  Encoder e;
+  testing::Rng rng(testing::test_seed("MatchesDoublePrecisionCascade"));
+  double xs[3][2] = {}, ys[3][2] = {};
+  int worst = 0;
+  for (int frame = 0; frame < 20; ++frame) {
+    std::array<int16_t, 160> x{};
+    for (auto &v : x) v = static_cast<int16_t>(static_cast<int32_t>(rng.below(16001)) - 8000);
+    std::array<int16_t, 160> y = x;
+    kevrce_hpf(e.get(), y.data());
+    for (int n = 0; n < 160; ++n) {
+      double v = x[n];
+      for (int s = 0; s < 3; ++s) {
+        const int16_t *c = &kevrce_tbl_hpf[6 * s];
+        const double out = (c[0] * xs[s][0] + c[1] * xs[s][1] + c[2] * v) / 8192.0 -
+                           (c[3] * ys[s][0] + c[4] * ys[s][1]) / 8192.0;
+        xs[s][0] = xs[s][1];
+        xs[s][1] = v;
+        ys[s][0] = ys[s][1];
+        ys[s][1] = out;
+        v = std::clamp(std::round(out), -32768.0, 32767.0);
+      }
+      worst = std::max(worst, static_cast<int>(std::abs(v - y[n])));
+    }
+  }
+  EXPECT_LE(worst, 3);
+}
+
+// A full-scale step overdrives the first section: the sample it hands on is
+// clamped at the rail instead of wrapping to the other sign.
+TEST(HighPass, OverdriveClampsInsteadOfWrapping) {
+  Encoder e;
+  std::array<int16_t, 160> x{};
+  for (int n = 0; n < 160; ++n) x[n] = n < 80 ? -32768 : 32767;
+  kevrce_hpf(e.get(), x.data());
+  EXPECT_GT(x[80], 16000);
+  EXPECT_GT(x[81], 0);
+  std::array<int16_t, 160> y{};
+  Encoder e2;
+  for (int n = 0; n < 2; ++n) y[n] = n == 0 ? -32768 : 32767;
+  kevrce_hpf(e2.get(), y.data());
+  EXPECT_GT(y[1], 0);
+}
+
+// ---- Level conditioning and the result record ---------------------------------
+
+// Switch 0: the filtered samples are halved, rounding half-way values up.
+TEST(EncoderDriver, HalvesTheFilteredInput) {
+  Encoder e;
+  Encoder twin;
+  testing::Rng rng(testing::test_seed("HalvesTheFilteredInput"));
+  bool saw[4] = {};  // odd negative, odd positive, -1, even
+  for (int frame = 0; frame < 10; ++frame) {
+    std::array<int16_t, 160> x{};
+    for (auto &v : x) v = static_cast<int16_t>(static_cast<int32_t>(rng.below(65536)) - 32768);
+    Encoder::Frame f = e.encode(x.data());
+    ASSERT_EQ(f.status, KEVRC_OK);
+    kevrce_hpf(twin.get(), x.data());
+    for (int n = 0; n < 160; ++n) {
+      const int v = x[n];
+      // floor(v / 2) plus the dropped bit: 3 -> 2, -3 -> -1, -1 -> 0.
+      const int expected = v % 2 == 0 ? v / 2 : (v > 0 ? v / 2 + 1 : v / 2);
+      EXPECT_EQ(f.conditioned[n], expected) << v;
+      saw[0] |= v < -1 && v % 2 != 0;
+      saw[1] |= v > 0 && v % 2 != 0;
+      saw[2] |= v == -1;
+      saw[3] |= v % 2 == 0;
+    }
+  }
+  EXPECT_TRUE(saw[0] && saw[1] && saw[3]);
+}
+
+TEST(EncoderDriver, EighthRatePacketIsTwoBytes) {
+  Encoder e;
+  std::array<int16_t, 160> x{};
+  for (int frame = 0; frame < 5; ++frame) {
+    Encoder::Frame f = e.encode(x.data());
+    EXPECT_EQ(f.status, KEVRC_OK);
+    EXPECT_EQ(f.result.rate, 1);
+    EXPECT_EQ(f.result.bytes, 2);
+    EXPECT_TRUE(std::all_of(f.payload.begin() + 2, f.payload.begin() + 22, [](uint8_t b) { return b == 0; }));
+  }
+  EXPECT_EQ(e.get()->frame_count, 5u);
+  EXPECT_EQ(e.get()->prev_rate, 1);
+}
+
+}  // namespace
+}  // namespace kevrc

@@ -1,0 +1,376 @@
+// LSP quantization: the spacing weights and the weighted split VQ search.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "common/fixed_point.h"
+#include "tests/test_util.h"
+
+namespace kevrc {
+namespace {
+
+struct Layout {
+  int16_t splits;
+  int16_t dims[4];
+  int16_t entries[4];
+  const int16_t *book;
+};
+
+const Layout kFull = {4, {2, 2, 3, 3}, {64, 64, 512, 128}, kevrc_tbl_lsp_fr};
+const Layout kHalf = {3, {3, 3, 4}, {128, 128, 256, 0}, kevrc_tbl_lsp_hr};
+const Layout kEighth = {2, {5, 5}, {16, 16}, kevrc_tbl_lsp_1_8};
+
+struct Quantized {
+  int16_t q[10];
+  uint16_t index[4] = {0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF};
+};
+
+// kevrce_norm_lsp then kevrce_lspmaq, as the coding loop calls them.
+Quantized quantize(const int16_t *lsp, const Layout &l) {
+  Quantized r;
+  int16_t shift[10];
+  kevrce_norm_lsp(lsp, r.q, shift);
+  const int16_t *ret =
+      kevrce_lspmaq(lsp, l.splits, l.dims, l.entries, r.q, r.index, l.book, shift);
+  EXPECT_EQ(ret, r.q);
+  return r;
+}
+
+// Start of codeword j of split s in the layout's codebook.
+const int16_t *codeword(const Layout &l, int s, int j) {
+  const int16_t *p = l.book;
+  for (int i = 0; i < s; ++i) p += l.dims[i] * l.entries[i];
+  return p + j * l.dims[s];
+}
+
+// ---------------------------------------------------------------------------
+// An independent model of the search: 64-bit arithmetic, the saturating
+// shift written as "does the shifted product fit in 32 bits".
+
+int64_t model_term(int16_t w, int16_t diff, int16_t shift) {
+  const int64_t t0 = static_cast<int32_t>(static_cast<uint32_t>(2 * int64_t{w} * diff));
+  if (shift <= 0) return t0 >> 16;
+  if (t0 == 0) return -32768;  // a zero product counts as negative and overflows
+  const int64_t v = t0 * (int64_t{1} << shift);
+  if (v > INT32_MAX || v < INT32_MIN) return t0 < 0 ? -32768 : 32767;
+  return v >> 16;
+}
+
+int64_t model_distance(const int16_t *lsp, const int16_t *w, const int16_t *shift, int first, int n,
+                       const int16_t *cw) {
+  int64_t acc = 0;
+  for (int k = 0; k < n; ++k) {
+    const int p = first + k;
+    const int16_t diff = static_cast<int16_t>(lsp[p] - cw[k]);
+    acc += diff * model_term(w[p], diff, shift[p]);
+  }
+  const int64_t twice = static_cast<int32_t>(static_cast<uint32_t>(2 * acc));
+  return std::min<int64_t>((twice + 32768) >> 16, 32767);
+}
+
+Quantized model_search(const int16_t *lsp, const int16_t *weight, const int16_t *shift,
+                       const Layout &l) {
+  Quantized r;
+  std::memcpy(r.q, weight, sizeof r.q);
+  int first = 0;
+  for (int s = 0; s < l.splits; ++s) {
+    int64_t best = INT64_MAX;
+    for (int j = 0; j < l.entries[s]; ++j) {
+      const int16_t *cw = codeword(l, s, j);
+      int64_t d = model_distance(lsp, r.q, shift, first, l.dims[s], cw);
+      if (s > 0 && cw[0] <= r.q[first - 1] + 261) d = 32767;
+      if (d <= best) {  // later codewords win ties
+        best = d;
+        r.index[s] = static_cast<uint16_t>(j);
+      }
+    }
+    std::memcpy(&r.q[first], codeword(l, s, r.index[s]), l.dims[s] * sizeof(int16_t));
+    first += l.dims[s];
+  }
+  return r;
+}
+
+void random_ascending(testing::Rng &rng, int16_t *lsp) {
+  do {
+    for (int k = 0; k < 10; ++k) lsp[k] = static_cast<int16_t>(60 + rng.below(16240));
+    std::sort(lsp, lsp + 10);
+  } while (std::adjacent_find(lsp, lsp + 10) != lsp + 10);
+}
+
+// ---------------------------------------------------------------------------
+// Weights
+
+TEST(LspQuant, WeightsOfHandWorkedSpacings) {
+  // Spacings 512, 512, 513, 0, 0, -100, -100 (out of order), 500, 1, 1:
+  const int16_t lsp[10] = {1000, 1512, 2025, 2538, 2538, 3000, 2900, 3400, 3900, 3901};
+  int16_t w[10], sh[10];
+  kevrce_norm_lsp(lsp, w, sh);
+  // 512: e = 5, m = 16384, 2^29/m = 32768 wraps to -32768:
+  //   1024 + (-32768*5215 >> 15) = 1024 - 5215 = -4191, a weight below zero.
+  EXPECT_EQ(w[0], -4191);
+  EXPECT_EQ(sh[0], 5);
+  EXPECT_EQ(w[1], -4191);  // min(512, 512)
+  // 513: m = 16416, q = 32704, (32704*5215) >> 15 = 5204: 1024 + 5204 = 6228.
+  // One step more spacing than 512 yet a far larger weight.
+  EXPECT_EQ(w[2], 6228);
+  EXPECT_EQ(sh[2], 5);
+  // Spacing 0: e = 0, q = 0, 32768 >> 0 kept to 16 bits = -32768.
+  EXPECT_EQ(w[3], -32768);
+  EXPECT_EQ(sh[3], 0);
+  EXPECT_EQ(w[4], -32768);
+  // -100: e = 8, m = -25600, q = -20971, (-20971*5215) >> 15 = -3338: 128 - 3338.
+  EXPECT_EQ(w[5], -3210);
+  EXPECT_EQ(sh[5], 8);
+  EXPECT_EQ(w[6], -3210);
+  // 500: e = 6, m = 32000, q = 16777, (16777*5215) >> 15 = 2670: 512 + 2670.
+  EXPECT_EQ(w[7], 3182);
+  EXPECT_EQ(sh[7], 6);
+  // Spacing 1, a power of two: e = 14, 2 - 5215. The last LSP looks at its
+  // lower neighbour only.
+  EXPECT_EQ(w[8], -5213);
+  EXPECT_EQ(w[9], -5213);
+  EXPECT_EQ(sh[9], 14);
+}
+
+TEST(LspQuant, FirstWeightIgnoresTheDistanceToZero) {
+  // lsp[0] = 10 is close to 0 Hz, but only lsp[1] - lsp[0] = 1000 counts.
+  int16_t lsp[10], ref[10];
+  for (int k = 0; k < 10; ++k) lsp[k] = ref[k] = static_cast<int16_t>(10 + 1000 * k);
+  ref[0] = 3000;
+  ref[1] = 4000;  // the same spacing far from 0 Hz
+  int16_t w[10], sh[10], wr[10], shr[10];
+  kevrce_norm_lsp(lsp, w, sh);
+  kevrce_norm_lsp(ref, wr, shr);
+  EXPECT_EQ(w[0], wr[0]);
+  EXPECT_EQ(sh[0], shr[0]);
+}
+
+TEST(LspQuant, WeightsFollowOnePlusInverseSpacing) {
+  // weight * 2^shift approximates 32768 + 5215 * 2^29 / (32768 d), that is
+  // 1 + 1/(2 pi d') in Q15 with d' = d / 16384 the spacing as a fraction of
+  // half the sampling rate; the two truncations cost at most 2^(shift+1).
+  // Powers of two wrap the quotient instead: weight = (32768 >> shift) - 5215.
+  for (int d = 1; d <= 16383; ++d) {
+    int16_t lsp[10];
+    lsp[0] = 0;
+    for (int k = 1; k < 10; ++k) lsp[k] = static_cast<int16_t>(d + k - 1);
+    int16_t w[10], sh[10];
+    kevrce_norm_lsp(lsp, w, sh);
+    ASSERT_GE(d << sh[0], 16384) << d;
+    ASSERT_LT(d << sh[0], 32768) << d;
+    if ((d & (d - 1)) == 0) {
+      ASSERT_EQ(w[0], (32768 >> sh[0]) - 5215) << d;
+      continue;
+    }
+    const double expect = 32768.0 + 5215.0 * 16384.0 / d;
+    ASSERT_NEAR(std::ldexp(w[0], sh[0]), expect, std::ldexp(2.0, sh[0])) << d;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Search on small hand-made codebooks
+
+// Two splits of two LSPs, four codewords each.
+const int16_t kToyBook[16] = {
+    500,  900,  1000, 2000, 1200, 2400, 800,  1800,  // split 1
+    3000, 4000, 3200, 3500, 2900, 3900, 4000, 5000,  // split 2
+};
+const Layout kToy = {2, {2, 2}, {4, 4}, kToyBook};
+
+TEST(LspQuant, VectorEqualToCodewordsIsReproduced) {
+  // Split 1 entry 2, split 2 entry 1 (3200 > 2400 + 261).
+  const int16_t lsp[10] = {1200, 2400, 3200, 3500, 5000, 6000, 7000, 8000, 9000, 10000};
+  const Quantized r = quantize(lsp, kToy);
+  EXPECT_EQ(r.index[0], 2);
+  EXPECT_EQ(r.index[1], 1);
+  EXPECT_EQ(0, std::memcmp(r.q, lsp, 4 * sizeof(int16_t)));
+}
+
+TEST(LspQuant, TieGoesToTheLaterCodeword) {
+  // Entries 1 and 2 are the same codeword; the search keeps the later one.
+  const int16_t book[8] = {100, 200, 1000, 2000, 1000, 2000, 5000, 6000};
+  const Layout l = {1, {2}, {4}, book};
+  const int16_t lsp[10] = {1010, 1990, 3000, 4000, 5000, 6000, 7000, 8000, 9000, 10000};
+  EXPECT_EQ(quantize(lsp, l).index[0], 2);
+}
+
+TEST(LspQuant, OrderingTestIsStrictAndAllRejectedTakesTheLast) {
+  // Split 1 decides {1000, 2000}; split 2 codewords need a first value above 2261.
+  const int16_t lsp[10] = {1000, 2000, 2261, 3000, 5000, 6000, 7000, 8000, 9000, 10000};
+  int16_t book[16] = {1000, 2000, 5000, 6000, 7000, 8000, 9000, 10000,
+                      2262, 3000, 2261, 3000, 2000, 3000, 1500, 2500};
+  const Layout l = {2, {2, 2}, {4, 4}, book};
+  // Entry 1 matches exactly but sits at 2000 + 261 (rejected, 32767); entry 0,
+  // one step higher, is accepted with a small distance.
+  Quantized r = quantize(lsp, l);
+  EXPECT_EQ(r.index[0], 0);
+  EXPECT_EQ(r.index[1], 0);
+  EXPECT_EQ(r.q[2], 2262);
+  // With entry 0 pulled down to 2261 too, every codeword is rejected and the
+  // last one of the split wins, out of order as it is.
+  book[8] = 2261;
+  r = quantize(lsp, l);
+  EXPECT_EQ(r.index[1], 3);
+  EXPECT_EQ(r.q[2], 1500);
+  EXPECT_EQ(r.q[3], 2500);
+}
+
+TEST(LspQuant, NegativeWeightOfAPowerOfTwoSpacingPrefersTheFartherCodeword) {
+  const int16_t book[4] = {1000, 1512, 1100, 1612};
+  const Layout l = {1, {2}, {2}, book};
+  // Spacings 512 and 512: weights -4191 (shift 5). For entry 1, diff = -100:
+  // t0 = 2*(-4191)*(-100) = 838200, << 5 = 26822400, >> 16 = 409, diff*t = -40900;
+  // two LSPs: acc = -81800, dist = (-163600 + 32768) >> 16 = -2 < 0 = dist(entry 0).
+  const int16_t pow2[10] = {1000, 1512, 2600, 3000, 5000, 6000, 7000, 8000, 9000, 10000};
+  EXPECT_EQ(quantize(pow2, l).index[0], 1);
+  // One step more spacing (513) gives a positive weight: the exact match wins.
+  const int16_t plain[10] = {1000, 1513, 2600, 3000, 5000, 6000, 7000, 8000, 9000, 10000};
+  Quantized r = quantize(plain, l);
+  EXPECT_EQ(r.index[0], 0);
+}
+
+TEST(LspQuant, ZeroProductWithAShiftCountsAsNegativeOverflow) {
+  // Weight 0 with shift 3: t0 = 0 overflows at the first step to t = -32768.
+  // Entry 0 (diff 10): acc = 10 * -32768, dist = (-655360 + 32768) >> 16 = -10.
+  // Entry 1 (diff 0): dist 0. Were t 0, both would score 0 and entry 1 would win.
+  const int16_t book[2] = {990, 1000};
+  const int16_t dims[1] = {1}, entries[1] = {2};
+  const int16_t lsp[10] = {1000};
+  int16_t w[10] = {0}, sh[10] = {3};
+  uint16_t index[1] = {99};
+  kevrce_lspmaq(lsp, 1, dims, entries, w, index, book, sh);
+  EXPECT_EQ(index[0], 0);
+  EXPECT_EQ(w[0], 990);
+}
+
+TEST(LspQuant, ShiftedProductSaturatesBySign) {
+  // Weight 32767, shift 10, diff +-1000: 2*32767*1000 << 10 overflows, so
+  // t = 32767 for the positive and -32768 for the negative difference:
+  // entry 0: acc = 1000 * 32767, dist = (65534000 + 32768) >> 16 = 1000;
+  // entry 1: acc = -1000 * -32768, dist = (65536000 + 32768) >> 16 = 1000,
+  // a tie that the later entry wins; entry 2 (exact, dist 0) beats both.
+  const int16_t dims[1] = {1}, entries[1] = {3};
+  const int16_t book[3] = {0, 2000, 1000};
+  const int16_t lsp[10] = {1000};
+  int16_t w[10] = {32767}, sh[10] = {10};
+  uint16_t index[1] = {99};
+  kevrce_lspmaq(lsp, 1, dims, entries, w, index, book, sh);
+  EXPECT_EQ(index[0], 2);
+  const int16_t book2[2] = {0, 2000};
+  const int16_t entries2[1] = {2};
+  w[0] = 32767;
+  kevrce_lspmaq(lsp, 1, dims, entries2, w, index, book2, sh);
+  EXPECT_EQ(index[0], 1);
+}
+
+TEST(LspQuant, DistanceRoundingSaturatesAtTheTop) {
+  // Entry 0 of {0, 0} against {32767, 2}:
+  //   position 0: diff 32767, weight 32767, shift 1: 2*32767*32767 << 1 overflows, t = 32767;
+  //   position 1: diff 2, weight 15000, shift 15: (60000 << 15) >> 16 = 30000;
+  //   acc = 32767*32767 + 2*30000 = 1073736289, 2*acc = 2147472578, + 32768
+  //   passes 2^31 - 1: the distance saturates at 32767 (wrapping would give
+  //   -32768 and keep entry 0). Entry 1 matches exactly and wins.
+  const int16_t book[4] = {0, 0, 32767, 2};
+  const int16_t dims[1] = {2}, entries[1] = {2};
+  const int16_t lsp[10] = {32767, 2};
+  int16_t w[10] = {32767, 15000}, sh[10] = {1, 15};
+  uint16_t index[1] = {99};
+  kevrce_lspmaq(lsp, 1, dims, entries, w, index, book, sh);
+  EXPECT_EQ(index[0], 1);
+}
+
+// ---------------------------------------------------------------------------
+// The codec's codebooks
+
+TEST(LspQuant, StatedRowsAreFoundInTheCodecTables) {
+  // Full rate, the first entry of every split.
+  const int16_t fr[10] = {465, 635, 1710, 2747, 4470, 5526, 6707, 9092, 10387, 12960};
+  Quantized r = quantize(fr, kFull);
+  for (int s = 0; s < 4; ++s) EXPECT_EQ(r.index[s], 0) << s;
+  EXPECT_EQ(0, std::memcmp(r.q, fr, sizeof fr));
+  // ... with the table's last entry as split 4.
+  const int16_t fr_last[10] = {465, 635, 1710, 2747, 4470, 5526, 6707, 13466, 14440, 14815};
+  r = quantize(fr_last, kFull);
+  EXPECT_EQ(r.index[3], 127);
+  EXPECT_EQ(0, std::memcmp(r.q, fr_last, sizeof fr_last));
+  // Half rate: first entries, last entry.
+  const int16_t hr[10] = {443, 597, 1291, 3198, 4053, 5552, 12307, 13653, 14488, 14835};
+  r = quantize(hr, kHalf);
+  EXPECT_EQ(r.index[0], 0);
+  EXPECT_EQ(r.index[1], 0);
+  EXPECT_EQ(r.index[2], 255);
+  EXPECT_EQ(0, std::memcmp(r.q, hr, sizeof hr));
+  // Eighth rate: entry 1 of split 1, last entry.
+  const int16_t er[10] = {1800, 3219, 3607, 5207, 6733, 9141, 10572, 11684, 13175, 13884};
+  r = quantize(er, kEighth);
+  EXPECT_EQ(r.index[0], 1);
+  EXPECT_EQ(r.index[1], 15);
+  EXPECT_EQ(0, std::memcmp(r.q, er, sizeof er));
+}
+
+TEST(LspQuant, SearchMatchesAnIndependentModelOnRandomVectors) {
+  testing::Rng rng(testing::test_seed("LspQuant.SearchMatchesAnIndependentModel"));
+  const Layout *layouts[3] = {&kFull, &kHalf, &kEighth};
+  for (const Layout *l : layouts) {
+    for (int trial = 0; trial < 150; ++trial) {
+      int16_t lsp[10];
+      random_ascending(rng, lsp);
+      int16_t w[10], sh[10];
+      kevrce_norm_lsp(lsp, w, sh);
+      const Quantized want = model_search(lsp, w, sh, *l);
+      const Quantized got = quantize(lsp, *l);
+      for (int s = 0; s < l->splits; ++s) {
+        ASSERT_EQ(got.index[s], want.index[s]) << "rate splits " << l->splits << " trial " << trial;
+        ASSERT_LT(got.index[s], l->entries[s]);
+      }
+      ASSERT_EQ(0, std::memcmp(got.q, want.q, sizeof got.q));
+      // The quantized vector is exactly the chosen codewords, as the decoder rebuilds it.
+      int p = 0;
+      for (int s = 0; s < l->splits; ++s) {
+        ASSERT_EQ(0, std::memcmp(&got.q[p], codeword(*l, s, got.index[s]),
+                                 l->dims[s] * sizeof(int16_t)));
+        p += l->dims[s];
+      }
+    }
+  }
+}
+
+TEST(LspQuant, ModelAgreesOnArbitraryWeightsAndShifts) {
+  // Weights and shifts that kevrce_norm_lsp never produces exercise the
+  // saturating shift from both sides; garbage LSPs must not upset the search.
+  testing::Rng rng(testing::test_seed("LspQuant.ModelAgreesOnArbitraryWeights"));
+  for (int trial = 0; trial < 300; ++trial) {
+    int16_t lsp[10], w[10], sh[10];
+    for (int k = 0; k < 10; ++k) {
+      lsp[k] = static_cast<int16_t>(rng.next());
+      w[k] = static_cast<int16_t>(rng.next());
+      sh[k] = static_cast<int16_t>(static_cast<int>(rng.below(20)) - 3);
+    }
+    const Quantized want = model_search(lsp, w, sh, kFull);
+    Quantized got;
+    std::memcpy(got.q, w, sizeof w);
+    kevrce_lspmaq(lsp, kFull.splits, kFull.dims, kFull.entries, got.q, got.index, kFull.book, sh);
+    for (int s = 0; s < 4; ++s) ASSERT_EQ(got.index[s], want.index[s]) << trial;
+    ASSERT_EQ(0, std::memcmp(got.q, want.q, sizeof got.q));
+  }
+}
+
+TEST(LspQuant, GarbageLspsGiveValidIndices) {
+  testing::Rng rng(testing::test_seed("LspQuant.GarbageLsps"));
+  for (int trial = 0; trial < 200; ++trial) {
+    int16_t lsp[10];
+    for (auto &v : lsp) v = static_cast<int16_t>(rng.next());
+    if (trial == 0) std::fill(lsp, lsp + 10, int16_t{0});
+    if (trial == 1) std::fill(lsp, lsp + 10, int16_t{-32768});
+    if (trial == 2) std::fill(lsp, lsp + 10, int16_t{32767});
+    const Layout *layouts[3] = {&kFull, &kHalf, &kEighth};
+    for (const Layout *l : layouts) {
+      const Quantized r = quantize(lsp, *l);
+      for (int s = 0; s < l->splits; ++s) ASSERT_LT(r.index[s], l->entries[s]);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace kevrc

@@ -1,0 +1,104 @@
+// Spectral distortion between two LSP vectors, in double precision (header
+// only; used by the table-training tool and its tests).
+//
+// lsp_to_lpc_double(): LSPs in Q15 of the sampling rate (16384 = 4 kHz, angle
+//   pi) to a[0..10] with a[0] = 1 and A(z) = sum a[k] z^-k, from
+//   P(z) = (1 + z^-1) prod_{even i} (1 - 2 cos w_i z^-1 + z^-2),
+//   Q(z) = (1 - z^-1) prod_{odd i}  (1 - 2 cos w_i z^-1 + z^-2),
+//   A(z) = (P(z) + Q(z)) / 2, w_i = pi * lsp[i] / 16384.
+// log_power_db(): 10 log10 of 1/|A(e^jw)|^2 at w = pi k / points, k = 0..points-1
+//   (0 to 4 kHz).
+// spectral_distortion_db(): root-mean-square difference of the two log
+//   spectra over those points.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+namespace kevrc::train {
+
+inline void lsp_to_lpc_double(const int16_t *lsp, double *a) {
+  double p[12] = {1.0}, q[12] = {1.0};
+  int np = 0, nq = 0;  // current polynomial degrees
+  auto mul_section = [](double *poly, int &deg, double c) {
+    // poly *= (1 + c z^-1 + z^-2)
+    double out[12] = {0};
+    for (int k = 0; k <= deg; ++k) {
+      out[k] += poly[k];
+      out[k + 1] += c * poly[k];
+      out[k + 2] += poly[k];
+    }
+    deg += 2;
+    for (int k = 0; k <= deg; ++k) poly[k] = out[k];
+  };
+  for (int i = 0; i < 10; i += 2) mul_section(p, np, -2.0 * std::cos(M_PI * lsp[i] / 16384.0));
+  for (int i = 1; i < 10; i += 2) mul_section(q, nq, -2.0 * std::cos(M_PI * lsp[i] / 16384.0));
+  // Multiply by (1 + z^-1) and (1 - z^-1): degree 11; the z^-11 terms cancel in the sum.
+  double P[12], Q[12];
+  for (int k = 0; k <= 11; ++k) {
+    const double pk = k <= 10 ? p[k] : 0.0, pk1 = k >= 1 ? p[k - 1] : 0.0;
+    const double qk = k <= 10 ? q[k] : 0.0, qk1 = k >= 1 ? q[k - 1] : 0.0;
+    P[k] = pk + pk1;
+    Q[k] = qk - qk1;
+  }
+  for (int k = 0; k <= 10; ++k) a[k] = 0.5 * (P[k] + Q[k]);
+}
+
+inline std::vector<double> log_power_db(const double *a, int points) {
+  std::vector<double> out(static_cast<size_t>(points));
+  for (int k = 0; k < points; ++k) {
+    const double w = M_PI * k / points;
+    double re = 0, im = 0;
+    for (int i = 0; i <= 10; ++i) {
+      re += a[i] * std::cos(w * i);
+      im -= a[i] * std::sin(w * i);
+    }
+    const double mag2 = re * re + im * im;
+    out[static_cast<size_t>(k)] = -10.0 * std::log10(mag2 > 1e-30 ? mag2 : 1e-30);
+  }
+  return out;
+}
+
+inline double spectral_distortion_db(const int16_t *lsp_ref, const int16_t *lsp_test,
+                                     int points = 256) {
+  double a[11], b[11];
+  lsp_to_lpc_double(lsp_ref, a);
+  lsp_to_lpc_double(lsp_test, b);
+  const std::vector<double> x = log_power_db(a, points), y = log_power_db(b, points);
+  double s = 0;
+  for (int k = 0; k < points; ++k) {
+    const double d = x[static_cast<size_t>(k)] - y[static_cast<size_t>(k)];
+    s += d * d;
+  }
+  return std::sqrt(s / points);
+}
+
+// Summary of per-frame spectral distortions.
+struct SdSummary {
+  size_t frames = 0;
+  double mean_db = 0;
+  double pct_2_to_4 = 0;  // % of frames with 2 dB < SD <= 4 dB
+  double pct_over_4 = 0;  // % of frames with SD > 4 dB
+};
+
+inline SdSummary summarize_sd(const std::vector<double> &sd) {
+  SdSummary s;
+  s.frames = sd.size();
+  if (sd.empty()) return s;
+  size_t mid = 0, high = 0;
+  double sum = 0;
+  for (double v : sd) {
+    sum += v;
+    if (v > 4.0)
+      ++high;
+    else if (v > 2.0)
+      ++mid;
+  }
+  s.mean_db = sum / static_cast<double>(sd.size());
+  s.pct_2_to_4 = 100.0 * static_cast<double>(mid) / static_cast<double>(sd.size());
+  s.pct_over_4 = 100.0 * static_cast<double>(high) / static_cast<double>(sd.size());
+  return s;
+}
+
+}  // namespace kevrc::train
