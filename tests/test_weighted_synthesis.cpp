@@ -65,6 +65,21 @@ void chain_by_hand(const int16_t *a, const int16_t *aq, int16_t *syn, int16_t *n
 // ---------------------------------------------------------------------------
 // Impulse response
 
+// A chain with random coefficient sets whose memories have run over one
+// 53-sample random excitation (update form).
+struct Primed {
+  explicit Primed(testing::Rng &rng) {
+    random_lpc(rng, a, 200);
+    random_lpc(rng, aq, 200);
+    exc = random_signal(rng, 53, 3000);
+    std::vector<int16_t> out(53);
+    kevrce_zeroinput(c.enc.get(), a, aq, exc.data(), 53, 1, out.data());
+  }
+  Chain c;
+  int16_t a[10], aq[10];
+  std::vector<int16_t> exc;
+};
+
 TEST(WeightedSynthesis, ImpulseResponseOfFlatFiltersIsAUnitPulse) {
   const int16_t zero[10] = {};
   int16_t h[54], scratch[20];
@@ -204,13 +219,9 @@ TEST(WeightedSynthesis, ZeroInputOfClearedMemoriesIsSilence) {
 
 TEST(WeightedSynthesis, ZeroInputLeavesMemoriesAndRepeats) {
   testing::Rng rng(testing::test_seed("WeightedSynthesis.ZeroInputLeavesMemories"));
-  Chain c;
-  int16_t a[10], aq[10];
-  random_lpc(rng, a, 200);
-  random_lpc(rng, aq, 200);
-  const std::vector<int16_t> exc = random_signal(rng, 53, 3000);
-  std::vector<int16_t> out(53);
-  kevrce_zeroinput(c.enc.get(), a, aq, exc.data(), 53, 1, out.data());
+  Primed p(rng);
+  Chain &c = p.c;
+  const int16_t *a = p.a, *aq = p.aq;
   const std::vector<int16_t> mem = c.memories();
   std::vector<int16_t> first(54), second(54);
   kevrce_zeroinput(c.enc.get(), a, aq, nullptr, 54, 0, first.data());
@@ -278,13 +289,10 @@ TEST(WeightedSynthesis, UpdateInPlaceOverTheExcitation) {
 
 TEST(WeightedSynthesis, ZeroLengthChangesNothing) {
   testing::Rng rng(testing::test_seed("WeightedSynthesis.ZeroLength"));
-  Chain c;
-  int16_t a[10], aq[10];
-  random_lpc(rng, a, 200);
-  random_lpc(rng, aq, 200);
-  const std::vector<int16_t> exc = random_signal(rng, 53, 3000);
-  std::vector<int16_t> out(53);
-  kevrce_zeroinput(c.enc.get(), a, aq, exc.data(), 53, 1, out.data());
+  Primed p(rng);
+  Chain &c = p.c;
+  const int16_t *a = p.a, *aq = p.aq;
+  const std::vector<int16_t> &exc = p.exc;
   const std::vector<int16_t> mem = c.memories();
   std::vector<int16_t> untouched(4, 1234);
   for (int16_t n : {int16_t{0}, int16_t{-5}}) {
