@@ -194,6 +194,52 @@ int16_t kevrce_lbr_energy(int16_t gain, const int16_t *residual, int16_t L);
 int16_t kevrce_lbr_search(const int16_t *energy);
 int16_t kevrce_gauss_noise(kevrce_instance *enc);
 
+/* RCELP: adaptive-codebook vector of the subframe into the excitation area
+ * and the warped (modified) residual m; available counts residual samples
+ * from the subframe start to the end of the 320-sample buffer; B Q15. */
+void kevrce_compute_acb(kevrce_instance *enc, int16_t *m, const int32_t *contour,
+                        const int16_t *residual, int16_t available, int16_t B, int16_t L);
+void kevrce_modifyresidual(kevrce_instance *enc, int16_t *m, int16_t *shift, int16_t B,
+                           const int16_t *residual, int16_t available, int16_t *carry,
+                           int32_t contour_end, int16_t L);
+/* Peak-to-average ratio of the 5-sample energies of x[0..n-1]. */
+int16_t peak2average(const int16_t *x, int16_t n);
+/* Strongest 5-sample energy window centred in start .. start + n - 1. */
+void kevrce_peak_energy(int16_t *position, int32_t *energy, const int16_t *x, int16_t start,
+                        int16_t n);
+
+/* Closed-loop adaptive-codebook gain: quantizes, scales v in place. */
+void kevrce_cal_cl_gain(const int16_t *h, const int16_t *x, int16_t n, int16_t *v, int16_t *gain,
+                        int16_t *index);
+/* y = in * h, n samples (Q11 response). */
+void kevrce_conv_imp_res(const int16_t *in, const int16_t *h, int16_t *out, int16_t n);
+/* Residual-domain target over 54 samples: x2 * Aq(z) A(z/g2) / A(z/g1). */
+void kevrce_weight2_res(const int16_t *x2, const int16_t *a, const int16_t *aq, int16_t *r,
+                        int16_t *scratch);
+/* Fixed-codebook gain index (and quantized gain q) for the optimal gain g;
+ * adds (c * q) to the excitation e over n samples. */
+int16_t kevrce_fcb_gain_quant(const kevrce_instance *enc, int16_t acb_index, int16_t g,
+                              const int16_t *c, int16_t *e, int16_t n);
+
+/* ACELP fixed-codebook search (full rate: 8 pulses on 5 tracks; half rate:
+ * 3 pulses). index receives the codebook words. */
+void kevrce_acelp_cbk_search(kevrce_work *work, int16_t *target, int16_t *residual,
+                             int16_t *impulse, int16_t lag, int16_t pitch_gain, int16_t L,
+                             int16_t *filtered, int16_t full_rate, int16_t *code, int16_t *gain,
+                             int16_t *index);
+void kevrce_algcbk_fullrate(kevrce_work *work, int16_t *d, int16_t *residual, int16_t L,
+                            const int16_t *impulse, int16_t *code, int16_t *filtered,
+                            int16_t *index);
+void kevrce_algcbk_lowrate(kevrce_work *work, const int16_t *d, int16_t L, const int16_t *impulse,
+                           int16_t *code, int16_t *filtered, int16_t *index);
+int16_t *kevrce_buf_mul(int16_t *row, const int16_t *factors, int16_t t);
+void kevrce_buf_accumulate(int16_t *acc, const int16_t *u, const int16_t *v);
+void kevrce_compute_corelation(const int16_t *hn, const int16_t *acc, int16_t t, const int16_t *s,
+                               const int16_t *R, int16_t *out);
+void kevrce_search_best_pulse(const int16_t *tracks, const int16_t *d, const int16_t *B,
+                              const int16_t *V1, const int16_t *V2, const int16_t *M,
+                              int16_t *state);
+
 void kevrc_encode_frame(kevrce_work *work, kevrce_instance *enc, int16_t rate);
 void kevrce_vlc(kevrce_instance *enc);
 
@@ -226,6 +272,8 @@ extern const int16_t tbl_ham_win[56];
 extern const int16_t kevrce_tbl_energy_search[768];
 extern const int16_t kevrce_tbl_hpf[18];
 extern const int16_t kevrce_tbl_delay_kernel[24];
+extern const int16_t kevrce_track_order[11];
+extern const int16_t kevrce_tbl_pitch_threshold[8]; /* Q14 midpoints of kevrc_tbl_pitch_q, 8th unused */
 extern const int16_t kevrce_tbl_analysis_window[160];
 extern const int32_t kevrce_tbl_lag_window[16];
 extern const int16_t kevrce_tbl_band_filter[2][17];

@@ -3,10 +3,9 @@
 //   bench_encoder [FRAMES]
 // The input is generated: a speech-like signal (voiced stretches of a
 // pitch-pulse train through two resonances, alternating with low noise).
-// Measured per configuration: the whole encoder with max_rate 1 (front end
-// and eighth-rate coding), with rate bounds 1..4 (front end with the rate
-// decision; this release codes half- and full-rate frames not at all), and
-// each of them with the noise suppressor.
+// Measured per configuration: the whole encoder at forced full, half and
+// eighth rate, with the variable rate bounds 1..4, and with the noise
+// suppressor.
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -78,9 +77,10 @@ int main(int argc, char **argv) {
     const char *name;
     kevrce_config cfg;
   } cases[] = {
-      {"max_rate 1 (eighth rate)", {1, 1, 0, 0}},
-      {"bounds 1..4 (front end)", {4, 1, 0, 0}},
-      {"max_rate 1, noise suppression", {1, 1, 0, 1}},
+      {"full rate", {4, 4, 0, 0}},
+      {"half rate", {3, 3, 0, 0}},
+      {"eighth rate", {1, 1, 0, 0}},
+      {"bounds 1..4", {4, 1, 0, 0}},
       {"bounds 1..4, noise suppression", {4, 1, 0, 1}},
   };
   for (const Case &c : cases) {

@@ -11,9 +11,11 @@
 // measurement, at the last subframe the energy search and the noise
 // excitation, and the update of the weighted-synthesis memories.
 // Full and half rate: LSP quantization, the delay correction that pulls the
-// accumulated time shift back, and the delta delay. The subframe loop that
-// codes their excitation is not part of this release (the frame driver
-// reports such frames as unsupported).
+// accumulated time shift back, the delta delay, then per subframe the
+// analysis-by-synthesis loop: interpolated filters, zero-input response and
+// weighted impulse response, adaptive codebook and residual modification,
+// the target from the modified residual, the adaptive-codebook gain, the
+// fixed-codebook search and gain, and the memory updates.
 // Every rate ends with the frame-end updates: frame counter, previous rate,
 // LSP memories.
 #include <cstring>
@@ -21,6 +23,8 @@
 #include "api/kevrc_kernels.h"
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
+#include "encoder/lpc_weighting.h"
+#include "encoder/rcelp.h"
 
 namespace kevrc {
 namespace {
@@ -31,6 +35,9 @@ constexpr int16_t kShiftFar = 5120;       // 20 samples in 1/256 sample
 constexpr int16_t kShiftNear = 2560;      // 10 samples
 constexpr int16_t kMinDelay = 20;
 constexpr int16_t kMaxDelay = 120;
+constexpr int16_t kNoSharpening = 200;    // a lag no subframe reaches
+constexpr int kFirstSubframe = 80;        // residual sample of subframe 0
+constexpr int kResidualAvailable = 240;   // residual samples from subframe 0 to the buffer end
 
 void select_params(kevrce_instance *enc, int16_t rate) {
   enc->rate = rate;
@@ -54,10 +61,17 @@ void subframe_lpc_q(const kevrce_instance *enc, kevrce_work *w, int i) {
   kevrc_lsp2lpc(lsp, w->aq);
 }
 
+// Unquantized LPC of subframe i (the weighting filter's).
+void subframe_lpc(const kevrce_instance *enc, kevrce_work *w, int i) {
+  kevrc_interpol(w->sub_lsp, enc->prev_lsp, w->lsp, static_cast<int16_t>(i));
+  int16_t lsp[10];
+  std::memcpy(lsp, w->sub_lsp, sizeof lsp);
+  kevrc_lsp2lpc(lsp, w->a);
+}
+
 void eighth_rate_frame(kevrce_work *w, kevrce_instance *enc) {
   enc->params = &kParamsHalf;  // the eighth rate uses the half-rate gain table
-  enc->rcelp_shift = 0;
-  enc->rcelp_carry = 0;
+  reset_rcelp(enc);
   quantize_lsp(w, kParamsEighth);
   const int16_t *residual = &w->residual[80];
   for (int i = 0; i < 3; ++i) {
@@ -84,8 +98,7 @@ int16_t corrected_delay(kevrce_instance *enc, int16_t d, int16_t b) {
   const int16_t s = enc->rcelp_shift;
   int16_t &st = enc->delay_adjust;
   if (b < kUnvoicedGain) {
-    enc->rcelp_shift = 0;
-    enc->rcelp_carry = 0;
+    reset_rcelp(enc);
     st = 0;
   } else if (s > kShiftFar) {
     st = -1;
@@ -124,19 +137,72 @@ void delta_delay(kevrce_work *w, kevrce_instance *enc, int16_t rate) {
   }
 }
 
+// Modified speech: the modified residual through 1/A(z) (no saturation:
+// the rounding keeps the low 16 bits), then the weighting A(z/g1)/A(z/g2).
+void modified_weighted_speech(kevrce_work *w, kevrce_instance *enc, int L) {
+  int16_t *s = w->mod_speech;
+  int16_t *mem = enc->mod_syn_mem;  // newest first
+  for (int n = 0; n < L; ++n) {
+    const int32_t acc = sub32_wrap(mul16(w->mod_res[n], 8192), shl32_wrap(dot_lpc(w->a, mem), 1));
+    s[n] = round16(shl32_wrap(acc, 3));
+    push_history(mem, s[n]);
+  }
+  int16_t num[kLpcOrder], den[kLpcOrder];
+  weigh_lpc(w->a, kevrc_tbl_wfac_gamma_1, num);
+  weigh_lpc(w->a, kevrc_tbl_wfac_gamma_2, den);
+  kevrc_fir(s, num, enc->mod_num_mem, static_cast<int16_t>(L), s);
+  kevrc_iir(s, den, enc->mod_den_mem, static_cast<int16_t>(L), s);
+}
+
+// Rounded mean delay of the subframe, or no sharpening when it exceeds L.
+int16_t sharpening_lag(const int32_t *contour, int L) {
+  const int32_t mean = add32_wrap(contour[0], contour[1]) >> 1;
+  const int32_t t = add32_wrap(mean, 32768) >> 16;
+  return L < t ? kNoSharpening : static_cast<int16_t>(t);
+}
+
+void code_subframe(kevrce_work *w, kevrce_instance *enc, int16_t rate, int i) {
+  const auto L = static_cast<int16_t>(kEncSubframeLen[i]);
+  int16_t *exc = &enc->exc[kEncAcbMemory];
+  subframe_lpc_q(enc, w, i);
+  subframe_lpc(enc, w, i);
+  kevrce_zeroinput(enc, w->a, w->aq, exc, L, 0, w->zir);
+  kevrce_weighed_imp_res(w->a, w->aq, w->wh, w->wscratch);
+  kevrc_interpol_delay(w->contour, enc->prev_delay, w->delay, static_cast<int16_t>(i));
+  kevrce_compute_acb(enc, w->mod_res, w->contour, &w->residual[kFirstSubframe + 53 * i],
+                     static_cast<int16_t>(kResidualAvailable - 53 * i), w->ol_gain, L);
+  modified_weighted_speech(w, enc, L);
+  for (int n = 0; n < L; ++n) w->target[n] = sub16_wrap(w->mod_speech[n], w->zir[n]);
+
+  kevrce_cal_cl_gain(w->wh, w->target, L, exc, &w->pitch_gain, &w->acb_gain_index[i]);
+  kevrce_conv_imp_res(exc, w->wh, w->filtered_acb, L);
+  for (int n = 0; n < L; ++n) w->target2[n] = sub16_wrap(w->target[n], w->filtered_acb[n]);
+  kevrce_weight2_res(w->target2, w->a, w->aq, w->res_target, w->wscratch);
+  if (L < kEncMaxSubframe) w->target2[kEncMaxSubframe - 1] = 0;
+  w->filtered_acb[L] = 0;
+  w->res_target[L] = 0;
+
+  kevrce_acelp_cbk_search(w, w->target2, w->res_target, w->wh, sharpening_lag(w->contour, L),
+                          w->pitch_gain, L, w->filtered_code, rate == 4 ? 1 : 0, w->code,
+                          &w->fcb_gain, w->fcb_words[i]);
+  w->fcb_gain_index[i] =
+      kevrce_fcb_gain_quant(enc, w->acb_gain_index[i], w->fcb_gain, w->code, exc, L);
+
+  kevrce_zeroinput(enc, w->a, w->aq, exc, L, 1, w->zir);
+  if (enc->rcelp_carry > 0) {
+    std::memmove(w->mod_res, w->mod_res + L, sizeof(int16_t) * enc->rcelp_carry);
+  }
+  kevrc_mcpy_acbsize(enc->exc + L, enc->exc);
+}
+
 void full_half_rate_frame(kevrce_work *w, kevrce_instance *enc, int16_t rate) {
   quantize_lsp(w, *enc->params);
   w->delay = corrected_delay(enc, w->ol_delay, w->ol_gain);
   delta_delay(w, enc, rate);
   w->lpc_flag = 0;
-  std::memset(w->acb_gain_index, 0, sizeof w->acb_gain_index);
-  std::memset(w->fcb_gain_index, 0, sizeof w->fcb_gain_index);
-  std::memset(w->fcb_words, 0, sizeof w->fcb_words);
+  for (int i = 0; i < 3; ++i) code_subframe(w, enc, rate, i);
   const int index_sum = w->acb_gain_index[0] + w->acb_gain_index[1] + w->acb_gain_index[2];
-  if (index_sum < 2 && w->rcelp_hold != 1) {
-    enc->rcelp_shift = 0;
-    enc->rcelp_carry = 0;
-  }
+  if (index_sum < 2 && w->rcelp_hold != 1) reset_rcelp(enc);
   enc->prev_delay = w->delay;
 }
 

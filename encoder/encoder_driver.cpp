@@ -5,16 +5,14 @@
 //   receives the payload (at least 24 writable bytes; no rate byte); result
 //   gets the rate code and the payload size (2, 10 or 22). Returns 0, or
 //   KEVRC_ERR_ARG for a null record or buffer or a noise-suppression switch
-//   other than 0 or 1 (the latter after the high-pass filter has run), or
-//   KEVRC_ERR_UNSUPPORTED for a frame that the rate decision puts at half or
-//   full rate: this release codes eighth-rate frames only, so such a frame
-//   advances the analysis state but produces no packet.
+//   other than 0 or 1 (the latter after the high-pass filter has run).
 // init_encoder(enc, work): the starting values of a freshly zeroed instance.
 #include <cstring>
 
 #include "api/kevrc_kernels.h"
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
+#include "encoder/rcelp.h"
 
 namespace kevrc {
 namespace {
@@ -42,6 +40,11 @@ bool records_present(const kevrc_pcm_buffer *in, const kevrc_bitstream_buffer *o
          out->data != nullptr;
 }
 
+// Quarter rate (2) is never produced: a bound of 2 acts as the nearest coded
+// rate on the side it protects, max_rate 2 as 1 and min_rate 2 as 3 (with
+// both at 2 the lower bound wins, since the rate is raised after capping).
+int32_t coded_bound(int32_t bound, int32_t quarter_as) { return bound == 2 ? quarter_as : bound; }
+
 }  // namespace
 }  // namespace kevrc
 
@@ -67,12 +70,11 @@ extern "C" int32_t kevrce_enc(kevrce_instance *enc, const kevrc_pcm_buffer *in,
   }
 
   const int16_t analysis = kevrce_pre_encode(enc, samples);
-  const int16_t rate =
-      kevrce_rate_detection(enc, w->r, enc->config.max_rate, enc->config.min_rate, analysis);
+  const int16_t rate = kevrce_rate_detection(enc, w->r, coded_bound(enc->config.max_rate, 1),
+                                              coded_bound(enc->config.min_rate, 3), analysis);
 
   kevrce_bsw_init(&enc->bsw, out->data, kPacketWords);
   kevrc_encode_frame(w, enc, rate);
-  if (rate != 1) return KEVRC_ERR_UNSUPPORTED;  // no half/full-rate excitation coder yet
   kevrce_vlc(enc);
 
   result->rate = rate;
@@ -88,8 +90,7 @@ extern "C" void init_encoder(kevrce_instance *enc, kevrce_work *work) {
   std::memcpy(enc->prev_lsp, kevrc_prev_lsp, sizeof enc->prev_lsp);
   enc->prev_delay = 40;
   enc->delay_adjust = 0;
-  enc->rcelp_shift = 0;
-  enc->rcelp_carry = 0;
+  reset_rcelp(enc);
   enc->frame_count = 0;
   enc->prev_rate = 0;
   enc->noise_seed = kFirstNoiseSeed;

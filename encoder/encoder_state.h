@@ -13,6 +13,7 @@
 
 #include "api/kevrc_kernels.h"
 #include "common/rate_params.h"
+#include "encoder/acelp_scratch.h"
 
 namespace kevrc {
 
@@ -121,9 +122,20 @@ struct kevrce_work {
   int16_t aq[10];          // quantized LPC of the subframe, Q12
   int16_t a[10];           // unquantized LPC of the subframe, Q12
   int16_t zir[kevrc::kEncMaxSubframe];
-  int16_t wh[kevrc::kEncMaxSubframe];  // weighted-synthesis impulse response, Q11
+  int16_t wh[55];          // weighted-synthesis impulse response, Q11 (54 + search pad)
   int16_t wscratch[20];
-  int32_t contour[2];
+  int32_t contour[3];
+  int16_t mod_res[128];        // modified residual: carried samples, then the subframe's
+  int16_t mod_speech[kevrc::kEncMaxSubframe];  // modified speech, then modified weighted speech
+  int16_t target[55];          // x: weighted target
+  int16_t target2[55];         // x2: fixed-codebook target
+  int16_t res_target[55];      // r: residual-domain target
+  int16_t filtered_acb[55];    // y: filtered adaptive-codebook contribution
+  int16_t code[55];            // c: fixed-codebook vector, Q12
+  int16_t filtered_code[55];   // filtered fixed-codebook vector
+  int16_t pitch_gain;          // quantized adaptive-codebook gain, Q14
+  int16_t fcb_gain;            // optimal fixed-codebook gain
+  kevrce_acelp_scratch acelp;
 
   // --- Noise suppressor scratch ---
   int16_t ns_fft[128];
@@ -146,6 +158,7 @@ struct kevrce_instance {
   int16_t delay_adjust;    // -1, 0, 1
   int16_t rcelp_shift;     // accumulated shift, 1/256 sample
   int16_t rcelp_carry;     // segment carry
+  int16_t rcelp_pulse;     // last pitch pulse, relative to the next subframe (kNoPulse: none)
   uint32_t frame_count;
   int16_t prev_rate;
   int16_t noise_seed;      // 1234 at creation
@@ -153,6 +166,7 @@ struct kevrce_instance {
   int32_t noise_held;
   int16_t lbr_energy[3];   // eighth-rate subframe energies, then the chosen gains
   int16_t exc[kevrc::kEncAcbMemory + 64];  // excitation history, then the subframe area
+  int16_t mod_res_hist[kevrc::kEncAcbMemory + 64];  // modified residual history, then its delayed copy
   // Weighted synthesis chain (1/Aq(z), A(z/g1), 1/A(z/g2)).
   int16_t syn_mem[10];
   int16_t wnum_mem[10];

@@ -52,12 +52,18 @@ void pack_half(Writer &out, const kevrce_work &w) {
   }
 }
 
-}  // namespace
-}  // namespace kevrc
+// Signed sum of the payload's first `words` big-endian 16-bit words: a
+// decoder takes a full- or half-rate payload whose sum is 0 for a blank one.
+int32_t word_sum(const uint8_t *payload, int words) {
+  int32_t sum = 0;
+  for (int i = 0; i < words; ++i) {
+    sum += static_cast<int16_t>(static_cast<uint16_t>((payload[2 * i] << 8) | payload[2 * i + 1]));
+  }
+  return sum;
+}
 
-extern "C" void kevrce_vlc(kevrce_instance *enc) {
-  using namespace kevrc;
-  std::memset(enc->bsw.pos, 0, 22);
+void pack(kevrce_instance *enc, uint8_t *payload) {
+  std::memset(payload, 0, 22);
   Writer out{&enc->bsw};
   if (enc->rate == 1) {
     pack_eighth(out, *enc->work);
@@ -66,4 +72,30 @@ extern "C" void kevrce_vlc(kevrce_instance *enc) {
   } else {
     pack_half(out, *enc->work);
   }
+}
+
+}  // namespace
+}  // namespace kevrc
+
+// Coded frames must never read as blank (about one frame in 10^4 of speech
+// would). At full rate the payload's last padding bit is set, which no
+// decoder reads. At half rate every bit is a parameter: the last subframe's
+// fixed-codebook gain index moves to its neighbour (index ^ 1) and the
+// payload is packed again; the encoder keeps the excitation it made with
+// the chosen level, a one-subframe mismatch that decays like any other.
+extern "C" void kevrce_vlc(kevrce_instance *enc) {
+  using namespace kevrc;
+  uint8_t *payload = enc->bsw.pos;
+  pack(enc, payload);
+  if (enc->rate == 1) return;
+  const int words = enc->rate == 4 ? 11 : 5;
+  if (word_sum(payload, words) != 0) return;
+  if (enc->rate == 4) {
+    payload[21] |= 1;
+    return;
+  }
+  enc->bsw.pos = payload;
+  enc->bsw.free_bits = 16;
+  enc->work->fcb_gain_index[2] = static_cast<int16_t>(enc->work->fcb_gain_index[2] ^ 1);
+  pack(enc, payload);
 }

@@ -24,32 +24,17 @@
 
 #include "api/kevrc_kernels.h"
 #include "common/fixed_point.h"
+#include "encoder/lpc_weighting.h"
 #include "encoder/encoder_state.h"
 
 namespace kevrc {
 namespace {
 
-constexpr int kOrder = 10;
 constexpr int kImpLen = 54;
 constexpr int16_t kOne = 2048;  // 1.0 in Q11
 
-// g^(k+1) * a[k], rounded to Q12: (2 a g + 32768) >> 16 == (a g + 16384) >> 15.
-void weigh(const int16_t *a, const int16_t *gamma, int16_t *out) {
-  for (int k = 0; k < kOrder; ++k) out[k] = wrap16(add32_wrap(mul16(gamma[k], a[k]), 16384) >> 15);
-}
 
-// sum over j of hist[j] * coef[j], wrapping (Q11 x Q12 -> Q23).
-int32_t dot(const int16_t *hist, const int16_t *coef) {
-  int32_t acc = 0;
-  for (int j = 0; j < kOrder; ++j) acc = add32_wrap(acc, mul16(hist[j], coef[j]));
-  return acc;
-}
 
-// Shifts a newest-first history by one place and puts v in front.
-void push(int16_t *hist, int16_t v) {
-  std::memmove(hist + 1, hist, (kOrder - 1) * sizeof(int16_t));
-  hist[0] = v;
-}
 
 }  // namespace
 }  // namespace kevrc
@@ -57,26 +42,26 @@ void push(int16_t *hist, int16_t v) {
 extern "C" void kevrce_weighed_imp_res(const int16_t *a, const int16_t *aq, int16_t *h,
                                        int16_t *scratch) {
   using namespace kevrc;
-  int16_t w1[kOrder], w2[kOrder];
-  weigh(a, kevrc_tbl_wfac_gamma_1, w1);
-  weigh(a, kevrc_tbl_wfac_gamma_2, w2);
+  int16_t w1[kLpcOrder], w2[kLpcOrder];
+  weigh_lpc(a, kevrc_tbl_wfac_gamma_1, w1);
+  weigh_lpc(a, kevrc_tbl_wfac_gamma_2, w2);
   int16_t *syn = scratch;           // outputs of 1/Aq(z), Q11
-  int16_t *out = scratch + kOrder;  // outputs of the whole chain, Q11
-  std::memset(scratch, 0, 2 * kOrder * sizeof(int16_t));
+  int16_t *out = scratch + kLpcOrder;  // outputs of the whole chain, Q11
+  std::memset(scratch, 0, 2 * kLpcOrder * sizeof(int16_t));
   syn[0] = kOne;
   out[0] = kOne;
   h[0] = kOne;
   for (int i = 1; i < kImpLen; ++i) {
     // 1/Aq(z) with no further input: -sum syn*aq, Q23 -> Q27 -> Q11.
-    const int16_t ys = round16(neg32_wrap(shl32_wrap(dot(syn, aq), 4)));
+    const int16_t ys = round16(neg32_wrap(shl32_wrap(dot_lpc(syn, aq), 4)));
     // A(z/g1): ys in Q24 plus 2 * sum syn*w1 (Q24), to Q27, rounded to Q11.
-    const int32_t num = shl32_wrap(add32_wrap(shl32_wrap(ys, 13), shl32_wrap(dot(syn, w1), 1)), 3);
+    const int32_t num = shl32_wrap(add32_wrap(shl32_wrap(ys, 13), shl32_wrap(dot_lpc(syn, w1), 1)), 3);
     const int16_t f = round16_sat(num);
     // 1/A(z/g2): f in Q24 less 2 * sum out*w2 (Q24), to Q27, rounded to Q11.
-    const int32_t den = sub32_wrap(shl32_wrap(f, 13), shl32_wrap(dot(out, w2), 1));
+    const int32_t den = sub32_wrap(shl32_wrap(f, 13), shl32_wrap(dot_lpc(out, w2), 1));
     h[i] = round16(shl32_wrap(den, 3));
-    push(syn, ys);
-    push(out, h[i]);
+    push_history(syn, ys);
+    push_history(out, h[i]);
   }
 }
 
@@ -84,9 +69,9 @@ extern "C" void kevrce_zeroinput(kevrce_instance *enc, const int16_t *a, const i
                                  const int16_t *exc, int16_t n, int16_t update, int16_t *out) {
   using namespace kevrc;
   if (n <= 0) return;
-  int16_t wa1[kOrder], wa2[kOrder];
-  weigh(a, kevrc_tbl_wfac_gamma_1, wa1);
-  weigh(a, kevrc_tbl_wfac_gamma_2, wa2);
+  int16_t wa1[kLpcOrder], wa2[kLpcOrder];
+  weigh_lpc(a, kevrc_tbl_wfac_gamma_1, wa1);
+  weigh_lpc(a, kevrc_tbl_wfac_gamma_2, wa2);
   if (update != 0) {
     kevrc_iir(exc, aq, enc->syn_mem, n, out);
     kevrc_fir(out, wa1, enc->wnum_mem, n, out);
@@ -94,7 +79,7 @@ extern "C" void kevrce_zeroinput(kevrce_instance *enc, const int16_t *a, const i
     return;
   }
   // Zero-input form: the same chain on zeros, from copies of the memories.
-  int16_t mem[kOrder];
+  int16_t mem[kLpcOrder];
   std::memset(out, 0, static_cast<size_t>(n) * sizeof(int16_t));
   std::memcpy(mem, enc->syn_mem, sizeof mem);
   kevrc_iir(out, aq, mem, n, out);

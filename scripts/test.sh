@@ -1,13 +1,14 @@
 #!/bin/sh
 # The whole test suite: installs what is missing, builds twice (optimised, and
 # with AddressSanitizer + UndefinedBehaviorSanitizer) and runs every test in
-# both builds; then builds the decoder and encoder fuzzers with clang and runs
-# each briefly.
+# both builds (the end-to-end tests read held-out speech from the corpus
+# packages it installs); then builds the decoder and encoder fuzzers with
+# clang and runs each briefly.
 #   test.sh [FUZZ_SECONDS]   (seconds per fuzzer, default 60; 0 skips them)
 set -eu
 cd "$(dirname "$0")/.."
 fuzz_seconds=${1:-60}
-sh scripts/install-deps.sh --test
+sh scripts/install-deps.sh --test --corpus
 jobs=$(nproc 2>/dev/null || echo 2)
 
 echo "== optimised build"

@@ -182,6 +182,33 @@ testing::Packet with_rate(const Packed &p, int rate, int bytes) {
   return packet;
 }
 
+// A coded full- or half-rate payload whose 16-bit words sum to zero would
+// read as blank: full rate sets a padding bit, half rate moves the last
+// fixed-codebook gain index by one; either way the frame decodes as coded.
+TEST(Packing, NeverReadsAsBlank) {
+  for (int rate : {4, 3}) {
+    Bare b;
+    kevrce_work &w = *b.work;
+    b.enc->rate = static_cast<int16_t>(rate);
+    w.delay = 20;  // every field 0: all payload words 0
+    const Packed p = pack(b.enc.get());
+    const int bytes = rate == 4 ? 22 : 10;
+    int32_t sum = 0;
+    for (int i = 0; i < bytes / 2; ++i) sum += static_cast<int16_t>((p.bytes[2 * i] << 8) | p.bytes[2 * i + 1]);
+    EXPECT_NE(sum, 0) << rate;
+    if (rate == 4) {
+      EXPECT_EQ(p.bytes[21], 1);
+      EXPECT_EQ(w.fcb_gain_index[2], 0);
+    } else {
+      EXPECT_EQ(w.fcb_gain_index[2], 1);
+      EXPECT_EQ(p.bytes[9], 1);  // the gain index is the payload's last 4 bits
+    }
+    Decoder d;
+    EXPECT_EQ(d.decode(with_rate(p, rate, bytes)).status, KEVRC_OK);
+    EXPECT_EQ(d.state().frame_erased, 0) << rate;
+  }
+}
+
 TEST(Packing, DecoderReadsBackEveryField) {
   testing::Rng rng(testing::test_seed("Packing.DecoderReadsBackEveryField"));
   for (int trial = 0; trial < 40; ++trial) {

@@ -70,12 +70,11 @@ std::vector<std::pair<const char *, Signal>> hostile_signals(uint64_t seed) {
 }
 
 // Every input runs without undefined behaviour in every configuration; each
-// frame reports a valid rate and size (or, for half and full rate, that
-// those rates are not coded in this release), and the eighth-rate packets
-// decode.
+// frame reports a valid rate within the bounds and its size, and every
+// packet decodes.
 TEST(EncoderEndToEnd, HostileInputsRunCleanly) {
   const uint64_t seed = testing::test_seed("HostileInputsRunCleanly");
-  const kevrce_config configs[] = {{4, 1, 0, 0}, {1, 1, 0, 0}, {4, 1, 0, 1}, {1, 1, 0, 1}, {3, 3, 0, 0}};
+  const kevrce_config configs[] = {{4, 1, 0, 0}, {1, 1, 0, 0}, {4, 1, 0, 1}, {4, 4, 0, 1}, {3, 3, 0, 0}};
   for (const kevrce_config &cfg : configs) {
     for (const auto &[name, signal] : hostile_signals(seed)) {
       Encoder e(cfg);
@@ -85,20 +84,41 @@ TEST(EncoderEndToEnd, HostileInputsRunCleanly) {
         std::array<int16_t, 160> x{};
         for (auto &v : x) v = signal(n++);
         Encoder::Frame f = e.encode(x.data());
-        const int16_t rate = e.get()->rate;
+        ASSERT_EQ(f.status, KEVRC_OK) << name;
+        const int16_t rate = static_cast<int16_t>(f.result.rate);
         ASSERT_TRUE(rate == 1 || rate == 3 || rate == 4) << name;
         EXPECT_GE(rate, cfg.min_rate);
         EXPECT_LE(rate, cfg.max_rate);
-        if (rate != 1) {
-          EXPECT_EQ(f.status, KEVRC_ERR_UNSUPPORTED) << name;
-          continue;
-        }
-        ASSERT_EQ(f.status, KEVRC_OK) << name;
-        EXPECT_EQ(f.result.rate, 1);
-        EXPECT_EQ(f.result.bytes, 2);
-        EXPECT_EQ(d.decode(f.packet()).status, KEVRC_OK) << name;
+        EXPECT_EQ(f.result.bytes, rate == 1 ? 2 : rate == 3 ? 10 : 22);
+        EXPECT_EQ(d.decode(f.packet()).status, KEVRC_OK) << name << " frame " << frame;
       }
       EXPECT_EQ(e.get()->frame_count, 40u);
+    }
+  }
+}
+
+// Quarter rate is never produced: a bound of 2 acts as eighth rate when it
+// caps (max_rate 2) and as half rate when it raises (min_rate 2).
+TEST(EncoderEndToEnd, QuarterRateBoundsNeverProduceRateTwo) {
+  const std::vector<int16_t> loud = voiced(20, 3000.0);
+  const std::vector<int16_t> quiet = noise(20, 3.0, 5);
+  struct Case {
+    kevrce_config cfg;
+    int loud_rate, quiet_rate;
+  } cases[] = {{{2, 1, 0, 0}, 1, 1}, {{4, 2, 0, 0}, 4, 3}, {{2, 2, 0, 0}, 3, 3}, {{3, 2, 0, 1}, 3, 3}};
+  for (const Case &c : cases) {
+    Encoder e(c.cfg);
+    Decoder d;
+    for (const auto *s : {&quiet, &loud}) {
+      int last = 0;
+      for (size_t k = 0; k < s->size(); k += 160) {
+        const Encoder::Frame f = e.encode(&(*s)[k]);
+        ASSERT_EQ(f.status, KEVRC_OK);
+        ASSERT_NE(f.result.rate, 2);
+        ASSERT_EQ(d.decode(f.packet()).status, KEVRC_OK);
+        last = f.result.rate;
+      }
+      EXPECT_EQ(last, s == &loud ? c.loud_rate : c.quiet_rate) << c.cfg.max_rate << ".." << c.cfg.min_rate;
     }
   }
 }
@@ -207,8 +227,8 @@ TEST(EncoderEndToEnd, FrozenEncoderChecksums) {
   } const frozen[] = {
       {"eighth rate", {1, 1, 0, 0}, 0x781adaa5cb8d6342ull},
       {"eighth rate, noise suppression", {1, 1, 0, 1}, 0x7daa9d92a46d8b62ull},
-      {"rate decision 1..4", {4, 1, 0, 0}, 0xceaffbb7bd897d6aull},
-      {"rate decision 1..4, noise suppression", {4, 1, 0, 1}, 0x42bf66aab865e459ull},
+      {"rate decision 1..4", {4, 1, 0, 0}, 0x1fc03119030fb515ull},
+      {"rate decision 1..4, noise suppression", {4, 1, 0, 1}, 0x91bbe66d93f717eeull},
   };
   const bool print = std::getenv("KEVRC_PRINT_CHECKSUMS") != nullptr;
   for (const Frozen &f : frozen) {

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <vector>
 
 #include "common/fixed_point.h"
 #include "tests/test_util.h"
@@ -35,6 +34,15 @@ Quantized quantize(const int16_t *lsp, const Layout &l) {
       kevrce_lspmaq(lsp, l.splits, l.dims, l.entries, r.q, r.index, l.book, shift);
   EXPECT_EQ(ret, r.q);
   return r;
+}
+
+// kevrce_lspmaq alone on a single split of `dim` LSPs, with the given weights
+// and shifts; returns the chosen index.
+int one_split(const int16_t *lsp, int16_t *w, int16_t *sh, int16_t dim, int16_t entries,
+              const int16_t *book) {
+  uint16_t index[1] = {99};
+  kevrce_lspmaq(lsp, 1, &dim, &entries, w, index, book, sh);
+  return index[0];
 }
 
 // Start of codeword j of split s in the layout's codebook.
@@ -98,6 +106,8 @@ void random_ascending(testing::Rng &rng, int16_t *lsp) {
   } while (std::adjacent_find(lsp, lsp + 10) != lsp + 10);
 }
 
+const Layout *const kLayouts[3] = {&kFull, &kHalf, &kEighth};
+
 // ---------------------------------------------------------------------------
 // Weights
 
@@ -133,24 +143,13 @@ TEST(LspQuant, WeightsOfHandWorkedSpacings) {
   EXPECT_EQ(sh[9], 14);
 }
 
-TEST(LspQuant, FirstWeightIgnoresTheDistanceToZero) {
-  // lsp[0] = 10 is close to 0 Hz, but only lsp[1] - lsp[0] = 1000 counts.
-  int16_t lsp[10], ref[10];
-  for (int k = 0; k < 10; ++k) lsp[k] = ref[k] = static_cast<int16_t>(10 + 1000 * k);
-  ref[0] = 3000;
-  ref[1] = 4000;  // the same spacing far from 0 Hz
-  int16_t w[10], sh[10], wr[10], shr[10];
-  kevrce_norm_lsp(lsp, w, sh);
-  kevrce_norm_lsp(ref, wr, shr);
-  EXPECT_EQ(w[0], wr[0]);
-  EXPECT_EQ(sh[0], shr[0]);
-}
-
 TEST(LspQuant, WeightsFollowOnePlusInverseSpacing) {
   // weight * 2^shift approximates 32768 + 5215 * 2^29 / (32768 d), that is
   // 1 + 1/(2 pi d') in Q15 with d' = d / 16384 the spacing as a fraction of
   // half the sampling rate; the two truncations cost at most 2^(shift+1).
   // Powers of two wrap the quotient instead: weight = (32768 >> shift) - 5215.
+  // lsp[0] = 0: the first weight must look at lsp[1] - lsp[0] = d only, not
+  // at the distance 0 to 0 Hz.
   for (int d = 1; d <= 16383; ++d) {
     int16_t lsp[10];
     lsp[0] = 0;
@@ -170,22 +169,6 @@ TEST(LspQuant, WeightsFollowOnePlusInverseSpacing) {
 
 // ---------------------------------------------------------------------------
 // Search on small hand-made codebooks
-
-// Two splits of two LSPs, four codewords each.
-const int16_t kToyBook[16] = {
-    500,  900,  1000, 2000, 1200, 2400, 800,  1800,  // split 1
-    3000, 4000, 3200, 3500, 2900, 3900, 4000, 5000,  // split 2
-};
-const Layout kToy = {2, {2, 2}, {4, 4}, kToyBook};
-
-TEST(LspQuant, VectorEqualToCodewordsIsReproduced) {
-  // Split 1 entry 2, split 2 entry 1 (3200 > 2400 + 261).
-  const int16_t lsp[10] = {1200, 2400, 3200, 3500, 5000, 6000, 7000, 8000, 9000, 10000};
-  const Quantized r = quantize(lsp, kToy);
-  EXPECT_EQ(r.index[0], 2);
-  EXPECT_EQ(r.index[1], 1);
-  EXPECT_EQ(0, std::memcmp(r.q, lsp, 4 * sizeof(int16_t)));
-}
 
 TEST(LspQuant, TieGoesToTheLaterCodeword) {
   // Entries 1 and 2 are the same codeword; the search keeps the later one.
@@ -230,54 +213,25 @@ TEST(LspQuant, NegativeWeightOfAPowerOfTwoSpacingPrefersTheFartherCodeword) {
   EXPECT_EQ(r.index[0], 0);
 }
 
-TEST(LspQuant, ZeroProductWithAShiftCountsAsNegativeOverflow) {
+TEST(LspQuant, ZeroProductAndDistanceRoundingEdges) {
   // Weight 0 with shift 3: t0 = 0 overflows at the first step to t = -32768.
   // Entry 0 (diff 10): acc = 10 * -32768, dist = (-655360 + 32768) >> 16 = -10.
   // Entry 1 (diff 0): dist 0. Were t 0, both would score 0 and entry 1 would win.
   const int16_t book[2] = {990, 1000};
-  const int16_t dims[1] = {1}, entries[1] = {2};
   const int16_t lsp[10] = {1000};
   int16_t w[10] = {0}, sh[10] = {3};
-  uint16_t index[1] = {99};
-  kevrce_lspmaq(lsp, 1, dims, entries, w, index, book, sh);
-  EXPECT_EQ(index[0], 0);
+  EXPECT_EQ(one_split(lsp, w, sh, 1, 2, book), 0);
   EXPECT_EQ(w[0], 990);
-}
-
-TEST(LspQuant, ShiftedProductSaturatesBySign) {
-  // Weight 32767, shift 10, diff +-1000: 2*32767*1000 << 10 overflows, so
-  // t = 32767 for the positive and -32768 for the negative difference:
-  // entry 0: acc = 1000 * 32767, dist = (65534000 + 32768) >> 16 = 1000;
-  // entry 1: acc = -1000 * -32768, dist = (65536000 + 32768) >> 16 = 1000,
-  // a tie that the later entry wins; entry 2 (exact, dist 0) beats both.
-  const int16_t dims[1] = {1}, entries[1] = {3};
-  const int16_t book[3] = {0, 2000, 1000};
-  const int16_t lsp[10] = {1000};
-  int16_t w[10] = {32767}, sh[10] = {10};
-  uint16_t index[1] = {99};
-  kevrce_lspmaq(lsp, 1, dims, entries, w, index, book, sh);
-  EXPECT_EQ(index[0], 2);
-  const int16_t book2[2] = {0, 2000};
-  const int16_t entries2[1] = {2};
-  w[0] = 32767;
-  kevrce_lspmaq(lsp, 1, dims, entries2, w, index, book2, sh);
-  EXPECT_EQ(index[0], 1);
-}
-
-TEST(LspQuant, DistanceRoundingSaturatesAtTheTop) {
   // Entry 0 of {0, 0} against {32767, 2}:
   //   position 0: diff 32767, weight 32767, shift 1: 2*32767*32767 << 1 overflows, t = 32767;
   //   position 1: diff 2, weight 15000, shift 15: (60000 << 15) >> 16 = 30000;
   //   acc = 32767*32767 + 2*30000 = 1073736289, 2*acc = 2147472578, + 32768
   //   passes 2^31 - 1: the distance saturates at 32767 (wrapping would give
   //   -32768 and keep entry 0). Entry 1 matches exactly and wins.
-  const int16_t book[4] = {0, 0, 32767, 2};
-  const int16_t dims[1] = {2}, entries[1] = {2};
-  const int16_t lsp[10] = {32767, 2};
-  int16_t w[10] = {32767, 15000}, sh[10] = {1, 15};
-  uint16_t index[1] = {99};
-  kevrce_lspmaq(lsp, 1, dims, entries, w, index, book, sh);
-  EXPECT_EQ(index[0], 1);
+  const int16_t book2[4] = {0, 0, 32767, 2};
+  const int16_t lsp2[10] = {32767, 2};
+  int16_t w2[10] = {32767, 15000}, sh2[10] = {1, 15};
+  EXPECT_EQ(one_split(lsp2, w2, sh2, 2, 2, book2), 1);
 }
 
 // ---------------------------------------------------------------------------
@@ -309,65 +263,43 @@ TEST(LspQuant, StatedRowsAreFoundInTheCodecTables) {
   EXPECT_EQ(0, std::memcmp(r.q, er, sizeof er));
 }
 
-TEST(LspQuant, SearchMatchesAnIndependentModelOnRandomVectors) {
+TEST(LspQuant, SearchMatchesAnIndependentModel) {
+  // Ascending LSP vectors with kevrce_norm_lsp's weights, at every rate; then
+  // garbage LSPs (all-equal extremes first), with the weights of their
+  // garbage spacings or with weights and shifts that kevrce_norm_lsp never
+  // produces, which drive the saturating shift from both sides. The indices
+  // stay in range, and the quantized vector is exactly the chosen codewords,
+  // as the decoder rebuilds it.
   testing::Rng rng(testing::test_seed("LspQuant.SearchMatchesAnIndependentModel"));
-  const Layout *layouts[3] = {&kFull, &kHalf, &kEighth};
-  for (const Layout *l : layouts) {
-    for (int trial = 0; trial < 150; ++trial) {
-      int16_t lsp[10];
+  for (int trial = 0; trial < 600; ++trial) {
+    const bool garbage = trial >= 300;
+    int16_t lsp[10], w[10], sh[10];
+    if (!garbage) {
       random_ascending(rng, lsp);
-      int16_t w[10], sh[10];
       kevrce_norm_lsp(lsp, w, sh);
-      const Quantized want = model_search(lsp, w, sh, *l);
-      const Quantized got = quantize(lsp, *l);
-      for (int s = 0; s < l->splits; ++s) {
-        ASSERT_EQ(got.index[s], want.index[s]) << "rate splits " << l->splits << " trial " << trial;
-        ASSERT_LT(got.index[s], l->entries[s]);
+    } else {
+      for (int k = 0; k < 10; ++k) {
+        lsp[k] = trial < 303 ? int16_t(trial == 300 ? 0 : trial == 301 ? -32768 : 32767)
+                             : static_cast<int16_t>(rng.next());
+        w[k] = static_cast<int16_t>(rng.next());
+        sh[k] = static_cast<int16_t>(static_cast<int>(rng.below(20)) - 3);
       }
-      ASSERT_EQ(0, std::memcmp(got.q, want.q, sizeof got.q));
-      // The quantized vector is exactly the chosen codewords, as the decoder rebuilds it.
-      int p = 0;
-      for (int s = 0; s < l->splits; ++s) {
+      if (trial < 303 || trial % 2) kevrce_norm_lsp(lsp, w, sh);  // weights of garbage spacings
+    }
+    for (const Layout *l : kLayouts) {
+      const Quantized want = model_search(lsp, w, sh, *l);
+      Quantized got;
+      std::memcpy(got.q, w, sizeof w);
+      int16_t shift[10];
+      std::memcpy(shift, sh, sizeof sh);
+      kevrce_lspmaq(lsp, l->splits, l->dims, l->entries, got.q, got.index, l->book, shift);
+      for (int s = 0, p = 0; s < l->splits; p += l->dims[s], ++s) {
+        ASSERT_EQ(got.index[s], want.index[s]) << "splits " << l->splits << " trial " << trial;
+        ASSERT_LT(got.index[s], l->entries[s]);
         ASSERT_EQ(0, std::memcmp(&got.q[p], codeword(*l, s, got.index[s]),
                                  l->dims[s] * sizeof(int16_t)));
-        p += l->dims[s];
       }
-    }
-  }
-}
-
-TEST(LspQuant, ModelAgreesOnArbitraryWeightsAndShifts) {
-  // Weights and shifts that kevrce_norm_lsp never produces exercise the
-  // saturating shift from both sides; garbage LSPs must not upset the search.
-  testing::Rng rng(testing::test_seed("LspQuant.ModelAgreesOnArbitraryWeights"));
-  for (int trial = 0; trial < 300; ++trial) {
-    int16_t lsp[10], w[10], sh[10];
-    for (int k = 0; k < 10; ++k) {
-      lsp[k] = static_cast<int16_t>(rng.next());
-      w[k] = static_cast<int16_t>(rng.next());
-      sh[k] = static_cast<int16_t>(static_cast<int>(rng.below(20)) - 3);
-    }
-    const Quantized want = model_search(lsp, w, sh, kFull);
-    Quantized got;
-    std::memcpy(got.q, w, sizeof w);
-    kevrce_lspmaq(lsp, kFull.splits, kFull.dims, kFull.entries, got.q, got.index, kFull.book, sh);
-    for (int s = 0; s < 4; ++s) ASSERT_EQ(got.index[s], want.index[s]) << trial;
-    ASSERT_EQ(0, std::memcmp(got.q, want.q, sizeof got.q));
-  }
-}
-
-TEST(LspQuant, GarbageLspsGiveValidIndices) {
-  testing::Rng rng(testing::test_seed("LspQuant.GarbageLsps"));
-  for (int trial = 0; trial < 200; ++trial) {
-    int16_t lsp[10];
-    for (auto &v : lsp) v = static_cast<int16_t>(rng.next());
-    if (trial == 0) std::fill(lsp, lsp + 10, int16_t{0});
-    if (trial == 1) std::fill(lsp, lsp + 10, int16_t{-32768});
-    if (trial == 2) std::fill(lsp, lsp + 10, int16_t{32767});
-    const Layout *layouts[3] = {&kFull, &kHalf, &kEighth};
-    for (const Layout *l : layouts) {
-      const Quantized r = quantize(lsp, *l);
-      for (int s = 0; s < l->splits; ++s) ASSERT_LT(r.index[s], l->entries[s]);
+      ASSERT_EQ(0, std::memcmp(got.q, want.q, sizeof got.q)) << trial;
     }
   }
 }

@@ -1,9 +1,10 @@
 // The spectral noise suppressor: its scaling helpers, tables, the steps of
 // one call and the whole call on synthetic signals.
 #include <algorithm>
-#include <climits>
 #include <cmath>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -38,7 +39,6 @@ class Suppressor {
 
   kevrce_ns_state &st() { return enc_->ns; }
   kevrce_instance &enc() { return *enc_; }
-  kevrce_work &work() { return *work_; }
 
  private:
   std::unique_ptr<kevrce_instance> enc_;
@@ -64,68 +64,50 @@ std::vector<int16_t> to_pcm(const std::vector<double> &x) {
   return out;
 }
 
-// ---------------------------------------------------------------------------
-// Scaling helpers
-// ---------------------------------------------------------------------------
+// ---- Scaling helpers ----
 
 TEST(NoiseSuppression, ShiftRoundsHalfUpAndSaturates) {
   // Right shifts add the last bit shifted out: (x >> k) + ((x >> (k - 1)) & 1).
   EXPECT_EQ(kevrce_ns_shift(3, -1), 2);    // 1 + 1 (1.5 rounds up)
   EXPECT_EQ(kevrce_ns_shift(-3, -1), -1);  // -2 + 1 (-1.5 rounds up)
-  EXPECT_EQ(kevrce_ns_shift(5, -2), 1);    // 1 + (2 & 1)
-  EXPECT_EQ(kevrce_ns_shift(6, -2), 2);    // 1 + (3 & 1)
   EXPECT_EQ(kevrce_ns_shift(-32768, -15), -1);
-  EXPECT_EQ(kevrce_ns_shift(32767, -40), 0);  // beyond 16 bits: sign only, rounded
-  EXPECT_EQ(kevrce_ns_shift(-32768, -40), 0);
-  // Left shifts saturate; 0 and shift 0 return x.
+  EXPECT_EQ(kevrce_ns_shift(-32768, -40), 0);  // beyond 16 bits: sign only, rounded
+  // Left shifts saturate, however far; 0 stays 0.
   EXPECT_EQ(kevrce_ns_shift(1000, 5), 32000);
   EXPECT_EQ(kevrce_ns_shift(1000, 6), 32767);
-  EXPECT_EQ(kevrce_ns_shift(-1000, 6), -32768);
   EXPECT_EQ(kevrce_ns_shift(-1, 40), -32768);
   EXPECT_EQ(kevrce_ns_shift(0, 30), 0);
-  EXPECT_EQ(kevrce_ns_shift(-32768, 0), -32768);
   EXPECT_EQ(kevrce_ns_shr(-5, -1), -3);
-  EXPECT_EQ(kevrce_ns_shr(-5, 0), -5);
 }
 
 TEST(NoiseSuppression, BlockNormLeavesTheRequestedHeadroom) {
   // Peak 300: norm_16(300) = 6 (300 << 6 = 19200), minus headroom 2 -> 4.
-  int16_t a[3] = {100, -300, 5};
-  EXPECT_EQ(kevrce_ns_block_norm(a, 3, 2), 4);
-  EXPECT_EQ(a[0], 1600);
-  EXPECT_EQ(a[1], -4800);
-  EXPECT_EQ(a[2], 80);
+  std::vector<int16_t> a = {100, -300, 5};
+  EXPECT_EQ(kevrce_ns_block_norm(a.data(), 3, 2), 4);
+  EXPECT_EQ(a, (std::vector<int16_t>{1600, -4800, 80}));
   // An all-zero block gets -headroom and stays zero.
-  int16_t z[4] = {};
-  EXPECT_EQ(kevrce_ns_block_norm(z, 4, 4), -4);
-  EXPECT_EQ(z[3], 0);
-  // |-32768| counts as full scale: e = 0 - 2, rounded right shift by 2.
-  int16_t f[3] = {-32768, 3, 6};
-  EXPECT_EQ(kevrce_ns_block_norm(f, 3, 2), -2);
-  EXPECT_EQ(f[0], -8192);
-  EXPECT_EQ(f[1], 1);  // 0 + (1 & 1)
-  EXPECT_EQ(f[2], 2);  // 1 + (3 & 1)
+  std::vector<int16_t> z(4, 0);
+  EXPECT_EQ(kevrce_ns_block_norm(z.data(), 4, 4), -4);
+  EXPECT_EQ(z, std::vector<int16_t>(4, 0));
+  // |-32768| counts as full scale: e = 0 - 2, rounded right shift by 2:
+  // 3 -> 0 + (1 & 1), 6 -> 1 + (3 & 1).
+  std::vector<int16_t> f = {-32768, 3, 6};
+  EXPECT_EQ(kevrce_ns_block_norm(f.data(), 3, 2), -2);
+  EXPECT_EQ(f, (std::vector<int16_t>{-8192, 1, 2}));
 }
 
-// ---------------------------------------------------------------------------
-// Tables
-// ---------------------------------------------------------------------------
+// ---- Tables ----
 
-TEST(NoiseSuppression, WindowFollowsItsFormula) {
+TEST(NoiseSuppression, TablesFollowTheirDefinitions) {
+  // Window: sin^2 edges of 24 samples (their overlap sums to 1.0), flat in between.
   for (int i = 0; i < 24; ++i) {
     const double s = std::sin(kPi * (i + 0.5) / 48);
     EXPECT_EQ(kevrce_ns_window[i], std::lround(32767 * s * s)) << i;
     EXPECT_EQ(kevrce_ns_window[103 - i], kevrce_ns_window[i]) << i;
   }
   for (int i = 24; i < 80; ++i) EXPECT_EQ(kevrce_ns_window[i], 32767) << i;
-  EXPECT_EQ(kevrce_ns_window[0], 35);
-  EXPECT_EQ(kevrce_ns_window[23], 32732);
-  // Rising edge of one block plus falling edge of the previous one: 1.0.
-  for (int i = 0; i < 24; ++i)
-    EXPECT_NEAR(kevrce_ns_window[i] + kevrce_ns_window[80 + i], 32767, 1) << i;
-}
-
-TEST(NoiseSuppression, ChannelsTileBins2To63AndAverage) {
+  // Channels tile bins 2..63; each averages over its bin count by a shift or
+  // a Q15 reciprocal.
   int next = 2;
   for (int ch = 0; ch < 16; ++ch) {
     const int16_t *row = kevrce_ns_channels[ch];
@@ -141,26 +123,16 @@ TEST(NoiseSuppression, ChannelsTileBins2To63AndAverage) {
     }
   }
   EXPECT_EQ(next, 64);
-}
-
-TEST(NoiseSuppression, VoiceMetricTableRisesFrom2To50) {
+  // The voice-metric table rises in steps of 0 or 1 from 2 to 50.
   EXPECT_EQ(kevrce_ns_vm_table[0], 2);
-  EXPECT_EQ(kevrce_ns_vm_table[10], 2);
-  EXPECT_EQ(kevrce_ns_vm_table[11], 3);
-  EXPECT_EQ(kevrce_ns_vm_table[16], 4);
-  EXPECT_EQ(kevrce_ns_vm_table[19], 5);
-  EXPECT_EQ(kevrce_ns_vm_table[22], 6);
-  EXPECT_EQ(kevrce_ns_vm_table[79], 49);
-  for (int i = 80; i < 90; ++i) EXPECT_EQ(kevrce_ns_vm_table[i], 50) << i;
+  EXPECT_EQ(kevrce_ns_vm_table[89], 50);
   for (int i = 1; i < 90; ++i) {
-    EXPECT_GE(kevrce_ns_vm_table[i], kevrce_ns_vm_table[i - 1]) << i;
-    EXPECT_LE(kevrce_ns_vm_table[i], kevrce_ns_vm_table[i - 1] + 1) << i;
+    const int step = kevrce_ns_vm_table[i] - kevrce_ns_vm_table[i - 1];
+    EXPECT_TRUE(step == 0 || step == 1) << i;
   }
 }
 
-// ---------------------------------------------------------------------------
-// Steps of one call
-// ---------------------------------------------------------------------------
+// ---- Steps of one call ----
 
 TEST(NoiseSuppression, ChannelEnergyAveragesTheBins) {
   int16_t spectrum[128] = {};
@@ -185,11 +157,10 @@ TEST(NoiseSuppression, SmoothingRescalesSaturatesAndFloors) {
   EXPECT_NEAR(ns::smooth_energy(1 << 20, 1 << 20, 2, false), model, model * 1e-5);
   EXPECT_NEAR(ns::smooth_energy(1 << 24, 1 << 20, 6, false), 0.55 * (1 << 19) + 0.45 * (1 << 20),
               20);
-  // The sum saturates instead of wrapping.
+  // The sum saturates instead of wrapping; a negative saturated sum (only
+  // reachable from wrapped energies) becomes 16.
   EXPECT_EQ(ns::smooth_energy(INT32_MAX, INT32_MAX, -2, false), INT32_MAX);
-  // A negative saturated sum (only reachable from wrapped energies) becomes 16.
   EXPECT_EQ(ns::smooth_energy(INT32_MIN, INT32_MIN, -2, false), 16);
-  EXPECT_EQ(ns::smooth_energy(0, INT32_MIN, 3, false), 16);
 }
 
 TEST(NoiseSuppression, SnrIndexFollowsTheLogRatio) {
@@ -205,12 +176,10 @@ TEST(NoiseSuppression, SnrIndexFollowsTheLogRatio) {
       EXPECT_NEAR(ns::snr_index(energy, noise), model, 1.0) << energy << " / " << noise;
     }
   }
-  EXPECT_EQ(ns::snr_index(4096, 4096), 0);
   EXPECT_EQ(ns::snr_index(16, 1 << 30), 0);  // the q >> s = 0 branch
   // A zero noise estimate (frame counter already past 2 on the first call)
   // divides by an unnormalised zero: div_32_32 gives 0, no fault.
   EXPECT_EQ(ns::snr_index(100000, 0), 0);
-  EXPECT_EQ(ns::snr_index(16, 0), 0);
 }
 
 TEST(NoiseSuppression, VoiceMetricClampsTheIndex) {
@@ -241,16 +210,6 @@ TEST(NoiseSuppression, LongTermWeightsFollowTheTotalEnergy) {
   ns::long_term_weights(1 << 30, &a, &b);
   EXPECT_EQ(a, 32440);
   EXPECT_EQ(b, 327);
-  // In between a = 32 u, b = 32767 - 32 u, rising with the energy.
-  int16_t prev = 0;
-  for (int32_t x = 1 << 20; x < (1 << 26); x += x / 8) {
-    ns::long_term_weights(x, &a, &b);
-    EXPECT_EQ(a + b, 32767) << x;
-    if (a == 32440) break;  // reached the slow regime
-    EXPECT_EQ(a % 32, 0) << x;
-    EXPECT_GE(a, prev) << x;
-    prev = a;
-  }
   // ((2000 * 16384 + 1000 * 16384) * 2) >> 16 = 1500.
   EXPECT_EQ(ns::long_term_update(1000, 2000, 16384, 16384), 1500);
   // The doubled sum wraps: (32767 * 32767 + 32767 * 32767) * 2 = 2^32 - 2^18 + 4,
@@ -260,19 +219,20 @@ TEST(NoiseSuppression, LongTermWeightsFollowTheTotalEnergy) {
 
 TEST(NoiseSuppression, UpdateDecisionCountsAndHolds) {
   kevrce_ns_state st{};
+  // Counters after each call: update, hysteresis, last update.
+  auto counters = [&st] {
+    return std::vector<int>{st.update_count, st.hysteresis_count, st.last_update_count};
+  };
   // V just below 36: update, counter reset.
   st.update_count = 20;
   st.last_update_count = 19;
   EXPECT_TRUE(ns::update_decision(&st, 35, 5000, 0));
-  EXPECT_EQ(st.update_count, 0);
-  EXPECT_EQ(st.hysteresis_count, 0);
-  EXPECT_EQ(st.last_update_count, 0);
+  EXPECT_EQ(counters(), (std::vector<int>{0, 0, 0}));
   // V = 36 with D = 895 and Etot = 257 is stationary: it counts, and the
   // 50th such call forces the update.
   for (int i = 1; i <= 49; ++i) {
     EXPECT_FALSE(ns::update_decision(&st, 36, 895, 257)) << i;
-    EXPECT_EQ(st.update_count, i);
-    EXPECT_EQ(st.hysteresis_count, 0);
+    EXPECT_EQ(counters(), (std::vector<int>{i, 0, i})) << i;
   }
   EXPECT_TRUE(ns::update_decision(&st, 36, 895, 257));
   EXPECT_TRUE(ns::update_decision(&st, 36, 895, 257));
@@ -282,20 +242,13 @@ TEST(NoiseSuppression, UpdateDecisionCountsAndHolds) {
   // restarts; the last-update counter keeps the value before the reset.
   for (int i = 1; i <= 6; ++i) {
     EXPECT_FALSE(ns::update_decision(&st, 100, i % 2 ? 896 : 0, i % 2 ? 257 : 256)) << i;
-    EXPECT_EQ(st.update_count, 51);
-    EXPECT_EQ(st.hysteresis_count, i);
+    EXPECT_EQ(counters(), (std::vector<int>{51, i, 51})) << i;
   }
   EXPECT_FALSE(ns::update_decision(&st, 100, 896, 257));
-  EXPECT_EQ(st.hysteresis_count, 7);
-  EXPECT_EQ(st.update_count, 0);
-  EXPECT_EQ(st.last_update_count, 51);
+  EXPECT_EQ(counters(), (std::vector<int>{0, 7, 51}));
   // Next call: 0 differs from 51, the hysteresis counter clears.
   EXPECT_FALSE(ns::update_decision(&st, 100, 896, 257));
-  EXPECT_EQ(st.hysteresis_count, 0);
-  EXPECT_EQ(st.last_update_count, 0);
-  // Low V keeps updating while its zero counter stands still.
-  for (int i = 0; i < 10; ++i) EXPECT_TRUE(ns::update_decision(&st, 32, 0, 0));
-  EXPECT_EQ(st.update_count, 0);
+  EXPECT_EQ(counters(), (std::vector<int>{0, 0, 0}));
 }
 
 TEST(NoiseSuppression, GatingSilencesWeakChannels) {
@@ -316,19 +269,11 @@ TEST(NoiseSuppression, GatingSilencesWeakChannels) {
 }
 
 TEST(NoiseSuppression, ChannelGainFollowsItsDbValue) {
-  // Floor -13 dB (-0x1a00000), index 6: g = -416 * 65536 -> mul_32_16(g, 1638)
-  // = -1362816, << 5 = -43610112; y = mul_32_16(g, 27213) = -36217102; y >> 14
-  // = -2211, w = -141504: integer part -3 -> k = 2, fraction 55104 -> f =
-  // -5216; p = ((2 * 5216^2 + 32768) >> 16) * 11230 = 830 * 11230 = 9320900;
-  // h = 9320900 - 43742 * 5216 + 0x7fbd0000 = 1924255364, >> 2 >> 16 = 7340
-  // (10^(-13/20) in Q15 is 7336).
-  int16_t index = 3;
-  EXPECT_EQ(ns::channel_gain(-0x1a00000, &index), 7340);
-  EXPECT_EQ(index, 6);  // raised to 6
   // 0 dB: g = 0 becomes -1, y = -1, w = -64, k = 0, f = -32, p = 0:
   // h = 0x7fbd0000 - 43742 * 32 = 2141692992, >> 16 = 32679.
-  index = 6;
+  int16_t index = 3;
   EXPECT_EQ(ns::channel_gain(0, &index), 32679);
+  EXPECT_EQ(index, 6);  // raised to 6
   // Against 10^(dB / 20): floor + 0.454 dB per index step above 6, at most 0 dB.
   for (int32_t floor : {-0x1a00000, -0x1000000, -0x400000, 0}) {
     for (int16_t i = 0; i < 120; ++i) {
@@ -355,9 +300,7 @@ TEST(NoiseSuppression, NoiseUpdateIsNineTenthsOldPlusOneTenthNew) {
   EXPECT_NEAR(ns::update_noise(INT32_MAX, INT32_MAX), INT32_MAX, INT32_MAX * 1e-4);
 }
 
-// ---------------------------------------------------------------------------
-// Whole calls
-// ---------------------------------------------------------------------------
+// ---- Whole calls ----
 
 TEST(NoiseSuppression, SilenceStaysSilentWithNoiseFloor4096) {
   // Silence: every channel energy is raised to 16. In the first two frames
@@ -384,36 +327,22 @@ TEST(NoiseSuppression, SilenceStaysSilentWithNoiseFloor4096) {
   EXPECT_EQ(ns.st().bin_gain[1], 32767);
 }
 
-TEST(NoiseSuppression, NoiseFollowsEnergyOnlyInTheFirstTwoFrames) {
+TEST(NoiseSuppression, NoiseFollowsEnergyInTheFirstTwoFrames) {
+  // While the frame counter is below 2 the noise estimate restarts at
+  // max(E, 4096) on every call: its SNRs are at most 0 dB, V = 32, so the
+  // same call updates it towards E. Quiet then loud blocks take both sides.
   testing::Rng rng(testing::test_seed("NoiseSuppression.NoiseFollowsEnergy"));
   Suppressor ns;
-  const auto first = to_pcm(gaussian(rng, 320, 40));
-  const auto loud = to_pcm(gaussian(rng, 800, 6000));
+  const auto quiet = to_pcm(gaussian(rng, 160, 40)), loud = to_pcm(gaussian(rng, 160, 6000));
   for (int call = 0; call < 4; ++call) {
-    std::vector<int16_t> block(&first[80 * call], &first[80 * call + 80]);
-    // Energies of the first call are small, later ones follow the level.
-    if (call >= 2) block.assign(&loud[80 * call], &loud[80 * call + 80]);
+    const auto &x = call < 2 ? quiet : loud;
+    std::vector<int16_t> block(&x[80 * (call % 2)], &x[80 * (call % 2) + 80]);
     ns.call(block.data());
-    // The noise estimate was max(E, 4096): its SNRs are at most 0 dB, V =
-    // 32, so the same call updates it towards E.
     for (int ch = 0; ch < 16; ++ch) {
       const int32_t e = ns.st().channel_energy[ch];
       ASSERT_EQ(ns.st().channel_noise[ch], ns::update_noise(std::max(e, 4096), e)) << call;
     }
   }
-  // From the third frame on a sudden louder signal is not taken for noise.
-  int32_t before[16];
-  std::memcpy(before, ns.st().channel_noise, sizeof before);
-  std::vector<int16_t> block(&loud[400], &loud[480]);
-  for (auto &s : block) s = static_cast<int16_t>(4 * s);
-  ns.call(block.data());
-  double energy = 0, noise = 0;
-  for (int ch = 0; ch < 16; ++ch) {
-    EXPECT_EQ(ns.st().channel_noise[ch], before[ch]) << ch;
-    energy += ns.st().channel_energy[ch];
-    noise += before[ch];
-  }
-  EXPECT_GT(energy, 4 * noise);  // about 0.55 * 16 + 0.45 = 9 times
 }
 
 TEST(NoiseSuppression, TransparentWhenTheNoiseEstimateIsNegligible) {
@@ -481,41 +410,35 @@ TEST(NoiseSuppression, AttenuatesNoiseAndPassesToneBursts) {
   }
 }
 
-// ---------------------------------------------------------------------------
-// Unusual input
-// ---------------------------------------------------------------------------
+// ---- Unusual input ----
 
-TEST(NoiseSuppression, SurvivesExtremeInputs) {
+TEST(NoiseSuppression, SurvivesExtremeInputsAndGarbageState) {
   testing::Rng rng(testing::test_seed("NoiseSuppression.SurvivesExtremeInputs"));
+  auto full_scale_noise = [&rng](size_t) {
+    return static_cast<int16_t>(int(rng.below(65536)) - 32768);
+  };
+  const std::function<int16_t(size_t)> signals[] = {
+      full_scale_noise,
+      [](size_t n) { return int16_t((n / 8) % 2 ? -32768 : 32767); },  // 500 Hz square
+      [](size_t) { return int16_t{32767}; },                           // DC
+      [](size_t n) { return int16_t(n % 2 ? -32768 : 32767); },        // alternating
+      [](size_t n) { return int16_t((n / 400) % 2 ? 0 : (n % 2 ? -32768 : 32767)); },  // bursts
+      [](size_t n) { return int16_t((n / 80) % 3 ? 1 : -32768); },  // tiny then full scale
+  };
   const size_t len = 80 * 600;
-  std::vector<std::vector<int16_t>> signals(7, std::vector<int16_t>(len));
-  for (size_t n = 0; n < len; ++n) {
-    signals[0][n] = 0;                                                    // silence
-    signals[1][n] = (n / 8) % 2 ? -32768 : 32767;                         // 500 Hz square
-    signals[2][n] = static_cast<int16_t>(int(rng.below(65536)) - 32768);  // full-scale noise
-    signals[3][n] = 32767;                                                // DC
-    signals[4][n] = n % 2 ? -32768 : 32767;                               // alternating
-    signals[5][n] = (n / 400) % 2 ? 0 : (n % 2 ? -32768 : 32767);         // loud/silent blocks
-    signals[6][n] = static_cast<int16_t>((n / 80) % 3 ? 1 : -32768);      // tiny then full scale
-  }
-  for (size_t k = 0; k < signals.size(); ++k) {
+  for (size_t k = 0; k < std::size(signals); ++k) {
     Suppressor ns;
-    const auto out = ns.run(signals[k]);
+    std::vector<int16_t> x(len);
+    for (size_t n = 0; n < len; ++n) x[n] = signals[k](n);
+    ns.run(x);
     EXPECT_EQ(ns.st().call_count, int16_t(len / 80)) << k;
     for (int ch = 0; ch < 16; ++ch) {
       EXPECT_GE(ns.st().channel_energy[ch], 16) << k;
       EXPECT_GE(ns.st().channel_noise[ch], 16) << k;
     }
-    if (k == 0) {
-      for (int16_t s : out) ASSERT_EQ(s, 0);
-    }
   }
-}
-
-TEST(NoiseSuppression, SurvivesGarbageState) {
   // Whatever the state holds (say, a corrupted instance), a call stays in
   // bounds and defined; the state recovers to sane values.
-  testing::Rng rng(testing::test_seed("NoiseSuppression.SurvivesGarbageState"));
   for (int trial = 0; trial < 50; ++trial) {
     Suppressor ns;
     auto *bytes = reinterpret_cast<uint8_t *>(&ns.st());
@@ -523,23 +446,10 @@ TEST(NoiseSuppression, SurvivesGarbageState) {
       bytes[i] = static_cast<uint8_t>(rng.next());
     ns.enc().frame_count = static_cast<uint32_t>(rng.next());
     std::vector<int16_t> x(80 * 20);
-    for (auto &s : x) s = static_cast<int16_t>(int(rng.below(65536)) - 32768);
+    for (size_t n = 0; n < x.size(); ++n) x[n] = full_scale_noise(n);
     ns.run(x);
     for (int ch = 0; ch < 16; ++ch) EXPECT_GE(ns.st().channel_energy[ch], 16);
   }
-}
-
-TEST(NoiseSuppression, OutputIsFrozen) {
-  // Regression guard: the output of a fixed noisy tone, frozen from this
-  // implementation once its behaviour had been checked by the tests above.
-  testing::Rng rng(7);
-  std::vector<double> x = gaussian(rng, 80 * 400, 1500);
-  for (size_t n = 0; n < x.size(); ++n) {
-    if ((n / 1600) % 2) x[n] += 5000 * std::sin(2 * kPi * 700 * n / 8000.0);
-  }
-  Suppressor ns;
-  const auto out = ns.run(to_pcm(x));
-  EXPECT_EQ(testing::fnv1a(testing::kFnvOffset, out.data(), out.size()), 16696842462581816328ull);
 }
 
 }  // namespace

@@ -103,9 +103,6 @@ TEST(RateDetection, EighthDecidedRightAfterFullGoesAtHalf) {
   RateDecider d;
   // Frame 0 is full rate by rule; frame 1 is silent (eighth) after it: half.
   EXPECT_EQ(d.frames(kSilence, 4), seq({{4, 1}, {3, 1}, {1, 2}}));
-  // A single loud frame (no hangover: the run is below two) then silence.
-  EXPECT_EQ(d.frame(kLoud, kBusy), 4);
-  EXPECT_EQ(d.frames(kSilence, 3), seq({{3, 1}, {1, 2}}));
 }
 
 // Near full scale 8*E no longer fits in 32 bits: it saturates, so the
@@ -122,34 +119,18 @@ TEST(RateDetection, EnergiesBeyondThirtyTwoBitsSaturate) {
 // ---------------------------------------------------------------------------
 // Hangover
 
-TEST(RateDetection, SyntheticSilenceBurstsSilence) {
-  RateDecider d;
-  // Digital silence: the noise estimates fall to their floors (160, 80), the
-  // band-0 SNR index is 7 and its hangover is 0 frames.
-  std::vector<int16_t> got = d.frames(kSilence, 10);
-  EXPECT_EQ(d.rd().noise[0], 160);
-  EXPECT_EQ(d.rd().snr_index[0], 7);
-  // Four loud frames, then silence: no hangover, one half-rate frame.
-  for (int16_t r : d.frames(kLoud, 4, kBusy)) got.push_back(r);
-  for (int16_t r : d.frames(kSilence, 6)) got.push_back(r);
-  EXPECT_EQ(got, seq({{4, 1}, {3, 1}, {1, 8}, {4, 4}, {3, 1}, {1, 5}}));
-
-  // Quiet background noise instead (8*E0 = 50104: SNR index 2, 8 frames of
+TEST(RateDetection, HangoverNeedsARunOfTwoAndEndsOnALoudFrame) {
+  // Quiet background noise (8*E0 = 50104: SNR index 2, 8 frames of
   // hangover); the bursts are 1000 times louder.
   RateDecider n;
   const auto background = white(15173), burst = white(15173000);
-  got = n.frames(background, 12);
-  EXPECT_EQ(n.rd().snr_index[0], 2);
+  std::vector<int16_t> got = n.frames(background, 12);
+  ASSERT_EQ(n.rd().snr_index[0], 2);
   EXPECT_EQ(n.rd().noise[0], 8 * n.rd().band_energy[0]);
-  // A one-frame burst: no hangover.
+  // A one-frame burst: the run is below two, no hangover.
   got.push_back(n.frame(burst, kBusy));
   for (int16_t r : n.frames(background, 3)) got.push_back(r);
-  // A three-frame burst: 8 frames of hangover, then half rate, then eighth.
-  for (int16_t r : n.frames(burst, 3, kBusy)) got.push_back(r);
-  for (int16_t r : n.frames(background, 11)) got.push_back(r);
-  EXPECT_EQ(got, seq({{4, 1}, {3, 1}, {1, 10},  // background
-                      {4, 1}, {3, 1}, {1, 2},   // short burst
-                      {4, 3}, {4, 8}, {3, 1}, {1, 2}}));
+  EXPECT_EQ(got, seq({{4, 1}, {3, 1}, {1, 10}, {4, 1}, {3, 1}, {1, 2}}));
   // A single loud frame inside a hangover ends it: the run restarts at one,
   // below the two that arm a hangover, so the next quiet frame goes at half rate.
   got = n.frames(burst, 2, kBusy);
@@ -192,20 +173,17 @@ TEST(RateDetection, NoiseEstimatesStayWithinTheirClamps) {
   // frame once nine stationary frames have passed, up to the ceiling.
   const auto loud = white(300000000);
   int32_t prev = d.rd().noise[0];
-  bool rising_seen = false;
   for (int i = 0; i < 600; ++i) {
     d.frame(loud);
-    ASSERT_LE(d.rd().noise[0], 80954304);
-    ASSERT_LE(d.rd().noise[1], 80954304);
+    ASSERT_TRUE(d.rd().noise[0] <= 80954304 && d.rd().noise[1] <= 80954304) << i;
     ASSERT_GE(d.rd().noise[0], prev);
-    if (i == 300) {  // N near 1e6, where the truncation is negligible
-      // max(2 * mul_32_16(N, 16876), N + 1): about 1.03 N.
+    // At N near 1e6 the truncation is negligible:
+    // max(2 * mul_32_16(N, 16876), N + 1) is about 1.03 N.
+    if (i == 300) {
       EXPECT_NEAR(static_cast<double>(d.rd().noise[0]) / prev, 1.03, 0.001);
-      rising_seen = true;
     }
     prev = d.rd().noise[0];
   }
-  EXPECT_TRUE(rising_seen);
   EXPECT_EQ(d.rd().noise[0], 80954304);
   EXPECT_EQ(d.rd().noise[1], 80954304);
   // Growth stops while the frames are not stationary.
@@ -292,12 +270,10 @@ TEST(RateDetection, UnadaptedIndexKeepsTheLowThreeBits) {
   //   9864) = -545262192; C0 - log10(16) = 318304516, >> 25 = 9.
   EXPECT_EQ(rd_snr_index_unadapted(16, kC0), 1);
   EXPECT_EQ(rd_snr_index_unadapted(50, kC0), 0);  // x = 8
-  EXPECT_EQ(rd_snr_index_unadapted(100, kC0), 7);
   EXPECT_EQ(rd_snr_index_unadapted(160, kC0), 7);  // the band-0 floor
   EXPECT_EQ(rd_snr_index_unadapted(80, kC1), 6);   // the band-1 floor
   EXPECT_EQ(rd_snr_index_unadapted(80954304, kC0), 0);  // negative x
   EXPECT_EQ(rd_snr_index_unadapted(0, kC0), 7);
-  EXPECT_EQ(rd_snr_index_unadapted(-5, kC0), 7);
   // Half a decade per step: 10^(5.95 - i/2) bounds the index-i band.
   for (int i = 1; i < 8; ++i) {
     const double edge = std::pow(10.0, 5.95 - 0.5 * i);
@@ -307,17 +283,14 @@ TEST(RateDetection, UnadaptedIndexKeepsTheLowThreeBits) {
 }
 
 TEST(RateDetection, AdaptedIndexIsClampedToSeven) {
-  EXPECT_EQ(rd_snr_index_adapted(0), 0);
   EXPECT_EQ(rd_snr_index_adapted(-1000), 0);
-  EXPECT_EQ(rd_snr_index_adapted(1), 0);             // a vanishing ratio: negative x
-  EXPECT_EQ(rd_snr_index_adapted(8388608), 5);       // ratio 1.0 in Q23: x = 5.5
-  EXPECT_EQ(rd_snr_index_adapted(INT32_MAX), 7);     // x = 10, clamped
-  EXPECT_EQ(rd_snr_index_adapted(256000000), 7);
+  EXPECT_EQ(rd_snr_index_adapted(1), 0);          // a vanishing ratio: negative x
+  EXPECT_EQ(rd_snr_index_adapted(8388608), 5);    // ratio 1.0 in Q23: x = 5.5
+  EXPECT_EQ(rd_snr_index_adapted(INT32_MAX), 7);  // x = 10, clamped
 }
 
 TEST(RateDetection, SnrRatioIsQ23) {
   EXPECT_EQ(rd_snr_ratio_q23(1000, 0), 256000000);
-  EXPECT_EQ(rd_snr_ratio_q23(1000, -7), 256000000);
   EXPECT_EQ(rd_snr_ratio_q23(0, 1000), 0);
   EXPECT_EQ(rd_snr_ratio_q23(INT32_MAX, 1000), INT32_MAX);  // ratios of 256 and above saturate
   testing::Rng rng(testing::test_seed("RateDetection.SnrRatioIsQ23"));
@@ -345,13 +318,11 @@ TEST(RateDetection, SnrRatioIsQ23) {
 
 TEST(RateDetection, UnusualAutocorrelationsGiveBoundedRates) {
   testing::Rng rng(testing::test_seed("RateDetection.UnusualAutocorrelations"));
-  std::vector<std::vector<int32_t>> inputs = {kSilence, white(INT32_MAX), white(INT32_MIN),
-                                              white(-1000000)};
-  std::vector<int32_t> neg(17, -2000000000), maxed(17, INT32_MAX), alt(17);
+  std::vector<int32_t> alt(17);
   for (int k = 0; k < 17; ++k) alt[k] = k % 2 ? INT32_MIN : INT32_MAX;
-  inputs.push_back(neg);
-  inputs.push_back(maxed);
-  inputs.push_back(alt);
+  const std::vector<std::vector<int32_t>> inputs = {
+      kSilence, white(INT32_MAX), white(INT32_MIN), white(-1000000), alt,
+      std::vector<int32_t>(17, -2000000000), std::vector<int32_t>(17, INT32_MAX)};
   const int16_t analyses[] = {kQuiet, kBusy, kVoicedA, -32768, 32767};
   for (int32_t max_rate = 1; max_rate <= 4; ++max_rate) {
     for (int32_t min_rate = 1; min_rate <= max_rate; ++min_rate) {
@@ -365,11 +336,9 @@ TEST(RateDetection, UnusualAutocorrelationsGiveBoundedRates) {
           for (auto &v : r) v = static_cast<int32_t>(rng.next());
         }
         const int16_t rate = d.frame(r, analyses[rng.below(5)], max_rate, min_rate);
-        ASSERT_GE(rate, min_rate);
-        ASSERT_LE(rate, max_rate);
+        ASSERT_TRUE(rate >= min_rate && rate <= max_rate) << rate << " frame " << f;
         for (int b = 0; b < 2; ++b) {
-          ASSERT_GE(d.rd().snr_index[b], 0);
-          ASSERT_LE(d.rd().snr_index[b], 7);
+          ASSERT_TRUE(d.rd().snr_index[b] >= 0 && d.rd().snr_index[b] <= 7) << "frame " << f;
           ASSERT_GE(d.rd().noise[b], b == 0 ? 160 : 80);
           ASSERT_LE(d.rd().noise[b], 80954304);
         }

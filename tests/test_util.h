@@ -121,6 +121,9 @@ inline uint64_t fnv1a(uint64_t h, const int16_t *s, size_t n) {
 }
 constexpr uint64_t kFnvOffset = 0xCBF29CE484222325ull;
 
+// A stable LPC vector (Q12) from random ascending LSPs at least min_gap apart.
+void random_lpc(Rng &rng, int16_t *lpc, int min_gap);
+
 // Random seed for randomized tests: fixed unless KEVRC_TEST_SEED is set; printed.
 uint64_t test_seed(const char *name);
 

@@ -27,19 +27,6 @@ struct Chain {
   std::unique_ptr<kevrce_work> work;
 };
 
-// A stable LPC vector (Q12) from random ascending LSPs at least min_gap apart.
-void random_lpc(testing::Rng &rng, int16_t *lpc, int min_gap) {
-  int16_t lsp[10];
-  for (;;) {
-    for (auto &v : lsp) v = static_cast<int16_t>(300 + rng.below(15800));
-    std::sort(lsp, lsp + 10);
-    bool ok = true;
-    for (int k = 1; k < 10; ++k) ok = ok && lsp[k] - lsp[k - 1] >= min_gap;
-    if (ok) break;
-  }
-  kevrc_lsp2lpc(lsp, lpc);
-}
-
 std::vector<int16_t> random_signal(testing::Rng &rng, int n, int amp) {
   std::vector<int16_t> x(n);
   for (auto &s : x) s = static_cast<int16_t>(static_cast<int>(rng.below(2 * amp + 1)) - amp);
@@ -69,8 +56,8 @@ void chain_by_hand(const int16_t *a, const int16_t *aq, int16_t *syn, int16_t *n
 // 53-sample random excitation (update form).
 struct Primed {
   explicit Primed(testing::Rng &rng) {
-    random_lpc(rng, a, 200);
-    random_lpc(rng, aq, 200);
+    testing::random_lpc(rng, a, 200);
+    testing::random_lpc(rng, aq, 200);
     exc = random_signal(rng, 53, 3000);
     std::vector<int16_t> out(53);
     kevrce_zeroinput(c.enc.get(), a, aq, exc.data(), 53, 1, out.data());
@@ -172,8 +159,8 @@ TEST(WeightedSynthesis, ImpulseResponseMatchesADoubleModel) {
   double total_error = 0;
   for (int trial = 0; trial < 300; ++trial) {
     int16_t a[10], aq[10];
-    random_lpc(rng, a, 150);
-    random_lpc(rng, aq, 150);
+    testing::random_lpc(rng, a, 150);
+    testing::random_lpc(rng, aq, 150);
     const ImpulseModel want = model_impulse(a, aq);
     if (want.peak > 30000) continue;  // beyond the range of Q11 (16)
     ++checked;
@@ -210,8 +197,8 @@ TEST(WeightedSynthesis, ZeroInputOfClearedMemoriesIsSilence) {
   testing::Rng rng(testing::test_seed("WeightedSynthesis.ZeroInputOfClearedMemories"));
   Chain c;
   int16_t a[10], aq[10];
-  random_lpc(rng, a, 200);
-  random_lpc(rng, aq, 200);
+  testing::random_lpc(rng, a, 200);
+  testing::random_lpc(rng, aq, 200);
   std::vector<int16_t> out(54, 7);
   kevrce_zeroinput(c.enc.get(), a, aq, nullptr, 54, 0, out.data());
   EXPECT_EQ(out, std::vector<int16_t>(54, 0));
@@ -237,8 +224,8 @@ TEST(WeightedSynthesis, UpdateFormIsTheThreeFiltersInCascade) {
   int16_t syn[10] = {}, num[10] = {}, den[10] = {};
   for (int sub = 0; sub < 12; ++sub) {
     int16_t a[10], aq[10];
-    random_lpc(rng, a, 150);
-    random_lpc(rng, aq, 150);
+    testing::random_lpc(rng, a, 150);
+    testing::random_lpc(rng, aq, 150);
     const int n = sub % 3 == 2 ? 54 : 53;
     // Loud enough, now and then, to saturate the synthesis filters.
     const std::vector<int16_t> exc = random_signal(rng, n, sub % 4 == 3 ? 32767 : 4000);
@@ -257,8 +244,8 @@ TEST(WeightedSynthesis, UpdateThenZeroInputIsTheRinging) {
   for (int trial = 0; trial < 20; ++trial) {
     Chain c;
     int16_t a[10], aq[10];
-    random_lpc(rng, a, 200);
-    random_lpc(rng, aq, 200);
+    testing::random_lpc(rng, a, 200);
+    testing::random_lpc(rng, aq, 200);
     // One pass of the chain over the excitation followed by 54 zeros ...
     std::vector<int16_t> x = random_signal(rng, 53, 5000);
     x.resize(53 + 54, 0);
@@ -278,8 +265,8 @@ TEST(WeightedSynthesis, UpdateInPlaceOverTheExcitation) {
   testing::Rng rng(testing::test_seed("WeightedSynthesis.UpdateInPlace"));
   Chain c1, c2;
   int16_t a[10], aq[10];
-  random_lpc(rng, a, 200);
-  random_lpc(rng, aq, 200);
+  testing::random_lpc(rng, a, 200);
+  testing::random_lpc(rng, aq, 200);
   std::vector<int16_t> exc = random_signal(rng, 54, 3000), out(54);
   kevrce_zeroinput(c1.enc.get(), a, aq, exc.data(), 54, 1, out.data());
   kevrce_zeroinput(c2.enc.get(), a, aq, exc.data(), 54, 1, exc.data());

@@ -1,0 +1,149 @@
+// Codebook gains of a full- or half-rate subframe: the closed-loop
+// adaptive-codebook (pitch) gain, the filtered adaptive contribution, and the
+// fixed-codebook gain with the excitation update.
+//
+// kevrce_conv_imp_res(in, h, out, n)
+//   in   in   n samples (Q0), indices 0..n-1.
+//   h    in   weighted-synthesis impulse response h[0..n-1], Q11.
+//   out  out  out[i] = sum_{j<=i} in[i-j] h[j], rounded to Q0, low 16 bits
+//             kept; i = 0..n-1. n <= 0 writes nothing.
+//
+// kevrce_cal_cl_gain(h, x, n, v, gain, index)
+//   h      in      impulse response h[0..n-1], Q11.
+//   x      in      target x[0..n-1], Q0.
+//   n      in      subframe length (53 or 54); n < 1 gives level 0 and
+//                  leaves v alone.
+//   v      in/out  adaptive-codebook vector v[0..n-1], Q0; scaled in place
+//                  by the quantized gain.
+//   gain   out     quantized gain, Q14 (a level of kevrc_tbl_pitch_q).
+//   index  out     gain index 0..7: the level nearest to Exy/Eyy, where y is
+//                  v filtered by h; the thresholds are the Q14 midpoints of
+//                  kevrce_tbl_pitch_threshold, a ratio exactly on one takes
+//                  the lower level, Exy <= 0 gives 0.
+//
+// kevrce_fcb_gain_quant(enc, acb_index, g, c, e, n)
+//   enc        in      enc->rate (4 = full rate, anything else half rate) and
+//                      enc->params->fcb_gains / fcb_gain_count (ascending).
+//   acb_index  in      adaptive-codebook gain index 0..7 of the subframe
+//                      (values outside are clamped into 0..7).
+//   g          in      optimal fixed-codebook gain from the codebook search.
+//   c          in      fixed-codebook vector c[0..n-1], Q12 (pulses 4096).
+//   e          in/out  excitation e[0..n-1]: the scaled adaptive vector on
+//                      entry, plus the scaled fixed-codebook vector on exit.
+//   n          in      subframe length; n <= 0 leaves e alone.
+//   Returns the fixed-codebook gain index 0..fcb_gain_count-1.
+#include "api/kevrc_kernels.h"
+#include "common/fixed_point.h"
+#include "encoder/encoder_state.h"
+
+namespace kevrc {
+namespace {
+
+constexpr int kPitchLevels = 8;
+constexpr int32_t kEnergyLimit = 1073741823;  // 2^30 - 1: block-floating headroom
+constexpr int16_t kFullRate = 4;
+
+// Sample i of in * h: sum_{j=0..i} 2 in[i-j] h[j] is Q12 for Q0 x Q11;
+// (sum + 2048) >> 12 rounds it to Q0. Everything wraps in 32 bits.
+int16_t filtered_sample(const int16_t *in, const int16_t *h, int i) {
+  Mac2Wrap acc;
+  for (int j = 0; j <= i; ++j) acc.add(in[i - j], h[j]);
+  return wrap16(add32_wrap(acc.value(), 2048) >> 12);
+}
+
+// Index of the level nearest to exy / eyy: the last threshold that exy
+// strictly exceeds. mul_32_16(eyy, t) is eyy * t / 2^15, half of eyy times
+// the Q14 threshold gain; doubled (wrapping) it is eyy times that gain.
+int16_t pitch_gain_index(int32_t exy, int32_t eyy) {
+  int16_t index = 0;
+  if (exy < 1) return index;
+  for (int k = 1; k < kPitchLevels; ++k) {
+    if (exy > shl32_wrap(mul_32_16(eyy, kevrce_tbl_pitch_threshold[k - 1]), 1)) {
+      index = static_cast<int16_t>(k);
+    }
+  }
+  return index;
+}
+
+// Scale factor of the fixed-codebook gain, Q31, falling as the pitch gain
+// (Q14) rises: 1.0 - 0.15 gp at full rate, 0.9 - 0.1 gp at half rate.
+int32_t fcb_gain_factor(int16_t pitch_q14, bool full_rate) {
+  if (full_rate) {
+    // 0.15 gp in Q31 = pitch_q14 * 2 * 9830 (9830 = 0.15 in Q16).
+    return sub32_wrap(2147483647, shl32_wrap(mul16(pitch_q14, 9830), 1));
+  }
+  // 1932735283 = 0.9 in Q31; 0.1 gp in Q31 = pitch_q14 * 2 * 6554 (0.1 in Q16).
+  return sub32_wrap(1932735283, shl32_wrap(mul16(pitch_q14, 6554), 1));
+}
+
+// Last index k whose midpoint (table[k] + table[k-1]) / 2, scaled by 8192,
+// x strictly exceeds; 0 when none.
+int16_t fcb_gain_index(int32_t x, const int16_t *table, int16_t count) {
+  int16_t index = 0;
+  for (int k = 1; k < count; ++k) {
+    // |table[k] + table[k-1]| <= 65536, so the product stays below 2^28.
+    const int32_t midpoint = (int32_t{table[k]} + table[k - 1]) * 4096;
+    if (x > midpoint) index = static_cast<int16_t>(k);
+  }
+  return index;
+}
+
+}  // namespace
+}  // namespace kevrc
+
+extern "C" void kevrce_conv_imp_res(const int16_t *in, const int16_t *h, int16_t *out, int16_t n) {
+  for (int i = 0; i < n; ++i) out[i] = kevrc::filtered_sample(in, h, i);
+}
+
+extern "C" void kevrce_cal_cl_gain(const int16_t *h, const int16_t *x, int16_t n, int16_t *v,
+                                   int16_t *gain, int16_t *index) {
+  using namespace kevrc;
+  *index = 0;
+  *gain = kevrc_tbl_pitch_q[0];
+  if (n < 1) return;
+
+  // Energy of y = v * h and its correlation with x, block-floating: both
+  // sums share the exponent sh and are halved together whenever the energy
+  // passes 2^30 - 1 (at most once per sample).
+  int32_t eyy = 0;
+  int32_t exy = 0;
+  int sh = 1;
+  for (int i = 0; i < n; ++i) {
+    const int16_t y = filtered_sample(v, h, i);
+    eyy = add32_wrap(eyy, asr32(mul2_16(y, y), sh));
+    exy = add32_wrap(exy, asr32(mul2_16(x[i], y), sh));
+    if (eyy > kEnergyLimit) {
+      ++sh;
+      eyy >>= 1;
+      exy >>= 1;
+    }
+  }
+
+  *index = pitch_gain_index(exy, eyy);
+  *gain = kevrc_tbl_pitch_q[*index];
+  // v = gain * v: Q14 x Q0, rounded back to Q0 (|gain * v| < 2^30, exact).
+  for (int i = 0; i < n; ++i) v[i] = wrap16(add32_wrap(mul16(*gain, v[i]), 8192) >> 14);
+}
+
+extern "C" int16_t kevrce_fcb_gain_quant(const kevrce_instance *enc, int16_t acb_index, int16_t g,
+                                         const int16_t *c, int16_t *e, int16_t n) {
+  using namespace kevrc;
+  const int16_t *table = enc->params->fcb_gains;
+  const int16_t count = enc->params->fcb_gain_count;
+  if (count < 1) return 0;  // no levels: nothing to quantize to
+
+  const int clamped = acb_index < 0 ? 0 : acb_index >= kPitchLevels ? kPitchLevels - 1 : acb_index;
+  const int32_t factor = fcb_gain_factor(kevrc_tbl_pitch_q[clamped], enc->rate == kFullRate);
+  // x = 2 * mul_32_16(factor, g), the doubling wrapping: x / 8192 is
+  // 16 * factor * g, the scaled gain in the table's Q4 units.
+  const int32_t x = shl32_wrap(mul_32_16(factor, g), 1);
+
+  const int16_t index = fcb_gain_index(x, table, count);
+  const int16_t q = static_cast<int16_t>(table[index] >> 1);
+  // e += c * q: c (Q12) times q (the Q4 table gain halved, Q3) is Q15,
+  // rounded to Q0 (|c * q| < 2^30, exact); the sum keeps its low 16 bits.
+  for (int i = 0; i < n; ++i) {
+    e[i] = add16_wrap(e[i], static_cast<int16_t>(add32_wrap(mul16(c[i], q), 16384) >> 15));
+  }
+  return index;
+}

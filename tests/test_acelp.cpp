@@ -1,0 +1,695 @@
+// Algebraic fixed-codebook searches: the search entry (sharpening, backward
+// filtering, scaling, gain), the full-rate 8-pulse search and its kernels,
+// and the half-rate 3-pulse search.
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "common/fixed_point.h"
+#include "encoder/encoder_state.h"
+#include "tests/test_util.h"
+
+namespace kevrc {
+namespace {
+
+using testing::Rng;
+
+constexpr int kN = 55;
+using Vec = std::array<int16_t, kN>;
+using DVec = std::array<double, kN>;
+
+struct SearchIn {
+  Vec target{}, residual{}, impulse{};
+  int16_t lag = 200;  // no sharpening
+  int16_t pitch_gain = 0;
+  int16_t L = 54;
+};
+
+struct SearchOut {
+  Vec target{}, residual{}, impulse{};  // as the call leaves them
+  Vec code{}, filtered{};
+  int16_t gain = -999;
+  std::array<int16_t, 10> index{};
+};
+
+SearchOut run_search(kevrce_work &w, const SearchIn &in, bool full_rate) {
+  SearchOut o;
+  o.target = in.target;
+  o.residual = in.residual;
+  o.impulse = in.impulse;
+  o.code.fill(0x5555);
+  o.filtered.fill(0x5555);
+  o.index.fill(0x7777);
+  kevrce_acelp_cbk_search(&w, o.target.data(), o.residual.data(), o.impulse.data(), in.lag,
+                          in.pitch_gain, in.L, o.filtered.data(), full_rate ? 1 : 0, o.code.data(),
+                          &o.gain, o.index.data());
+  return o;
+}
+
+// A subframe whose response is h(0) alone (2048 = 1.0 in Q11).
+SearchIn unit_case(int16_t h0 = 2048) {
+  SearchIn in;
+  in.impulse[0] = h0;
+  return in;
+}
+
+int rand_range(Rng &rng, int lo, int hi) { return lo + static_cast<int>(rng.below(hi - lo + 1)); }
+
+// A weighted-synthesis impulse response (Q11) of a random stable LPC vector,
+// drawn again until it stays well inside 16 bits (energy sum 2 h^2 < 2^30).
+Vec realistic_impulse(Rng &rng) {
+  for (;;) {
+    int16_t lsp[10];
+    for (;;) {
+      for (auto &v : lsp) v = static_cast<int16_t>(300 + rng.below(15800));
+      std::sort(lsp, lsp + 10);
+      bool ok = true;
+      for (int k = 1; k < 10; ++k) ok = ok && lsp[k] - lsp[k - 1] >= 400;
+      if (ok) break;
+    }
+    int16_t a[10], scratch[20];
+    kevrc_lsp2lpc(lsp, a);
+    Vec h{};
+    kevrce_weighed_imp_res(a, a, h.data(), scratch);
+    double e = 0;
+    for (int16_t v : h) e += 2.0 * v * v;
+    if (e < 1073741824.0) return h;
+  }
+}
+
+// A decaying random response with h(0) = 2048.
+Vec decaying_impulse(Rng &rng) {
+  Vec h{};
+  h[0] = 2048;
+  double amp = 1500;
+  for (int n = 1; n < 54; ++n, amp *= 0.85)
+    h[n] = static_cast<int16_t>(rand_range(rng, -static_cast<int>(amp), static_cast<int>(amp)));
+  return h;
+}
+
+// Backward-filtered target D(p) = sum_{n=p}^{L-1} 2 x(n) h(n - p), in double.
+DVec backward_filtered(const Vec &x, const Vec &h, int L) {
+  DVec D{};
+  for (int p = 0; p < kN; ++p)
+    for (int n = p; n < L; ++n) D[p] += 2.0 * x[n] * h[n - p];
+  return D;
+}
+
+// 5 + sum over tracks of max |D| / 2: the scaling's headroom sum.
+double headroom_sum(const DVec &D) {
+  double s = 5;
+  for (int t = 0; t < 5; ++t) {
+    double m = 0;
+    for (int p = t; p < kN; p += 5) m = std::max(m, std::fabs(D[p]));
+    s += std::floor(m / 2);
+  }
+  return s;
+}
+
+// A random subframe: the residual-domain target r is a few strong pulses over
+// noise, the target is r filtered by h (Q11) plus noise, as the encoder's two
+// references relate. The target is scaled down where needed so that the
+// headroom sum stays below 2^30 (no 32-bit wrap), as the double models assume;
+// the garbage test covers the wraps.
+SearchIn random_case(Rng &rng, bool realistic_h) {
+  SearchIn in;
+  in.L = rng.chance(50) ? 53 : 54;
+  in.impulse = realistic_h ? realistic_impulse(rng) : decaying_impulse(rng);
+  const int amp = rand_range(rng, 50, 8000);
+  for (int n = 0; n < in.L; ++n)
+    in.residual[n] = static_cast<int16_t>(rand_range(rng, -amp, amp) / 4);
+  for (int k = 0; k < 6; ++k)
+    in.residual[rng.below(in.L)] = static_cast<int16_t>(rand_range(rng, -amp, amp));
+  for (int n = 0; n < in.L; ++n) {
+    int64_t y = 0;
+    for (int m = 0; m <= n; ++m) y += int64_t{in.residual[m]} * in.impulse[n - m];
+    y = (y >> 11) + rand_range(rng, -amp / 8, amp / 8);
+    in.target[n] = static_cast<int16_t>(std::clamp<int64_t>(y, -32768, 32767));
+  }
+  const double s = headroom_sum(backward_filtered(in.target, in.impulse, in.L));
+  if (s >= 1073741824.0) {
+    const double f = 1073741824.0 / s * 0.99;
+    for (auto &v : in.target) v = static_cast<int16_t>(v * f);
+  }
+  return in;
+}
+
+// Double-precision criterion (x.y)^2 / (y.y) of a codevector c over L samples.
+double criterion(const Vec &x, const Vec &h, const DVec &c, int L) {
+  double xy = 0, yy = 0;
+  for (int n = 0; n < L; ++n) {
+    double y = 0;
+    for (int m = 0; m <= n; ++m) y += c[m] * h[n - m];
+    xy += x[n] * y;
+    yy += y * y;
+  }
+  return yy > 0 ? xy * xy / yy : 0;
+}
+
+// A correlation in its direct form, (2^(shift-1) + sum_{n=max(p,q)}^{last}
+// 2 hn(n-p) hn(n-q)) >> shift, the sum wrapping in 32 bits, kept as 16 bits.
+int16_t direct_corr(const int16_t *hn, int p, int q, int last, int shift) {
+  int64_t sum = int64_t{1} << (shift - 1);
+  for (int n = std::max(p, q); n <= last; ++n) sum += 2 * hn[n - p] * hn[n - q];
+  return wrap16(wrap32(sum) >> shift);
+}
+
+// The decoder's reading of the words: pulses +-1 (+-2 for two at one place).
+void decode_words(const SearchOut &o, bool full, int16_t *v, int len) {
+  if (full)
+    kvrcd_fcb_fr(o.index.data(), v, len);
+  else
+    kvrcd_fcb_hr(o.index[0], v, len);
+}
+
+// x(n) += (x(n - T) f) >> 15 for n = T..L-1, forward and in place, with the
+// factor f (Q15) = 2 * pitch gain clamped to 6554..29492 (29492 from 14747 on).
+// A negative T disables it, as T >= L does.
+Vec sharpen(Vec x, const SearchIn &in) {
+  const int g = in.pitch_gain, f = g >= 14747 ? 29492 : g < 3277 ? 6554 : 2 * g;
+  if (in.lag < 0) return x;
+  for (int n = in.lag; n < in.L; ++n)
+    x[n] = wrap16(x[n] + ((x[n - in.lag] * f) >> 15));
+  return x;
+}
+
+// Checks well-formed words; h sharpened; the codevector the decoder's reading
+// of the words (c = 4096 v), sharpened; and y(n) = (sum_m v(m) h(n - m) + 2,
+// as 16 bits) >> 2 with the sharpened h.
+void expect_matches_decoder(const SearchIn &in, const SearchOut &o, bool full) {
+  for (int w = 0; w < (full ? 4 : 1); ++w) {
+    EXPECT_GE(o.index[w], 0);
+    EXPECT_LT(o.index[w], !full ? 1024 : w < 3 ? 256 : 2048);
+    if (full) {
+      EXPECT_LE(o.index[w] & 127, 120);
+    }
+  }
+  int16_t v[kN] = {};
+  if (full) {
+    decode_words(o, true, v, kN);
+    int pulses = 0;
+    for (int16_t p : v) pulses += std::abs(p);
+    EXPECT_EQ(pulses, 8);
+    std::fill(v + in.L, v + kN, int16_t{0});
+  } else {
+    decode_words(o, false, v, in.L);
+  }
+  const Vec h = sharpen(in.impulse, in);
+  Vec c{};
+  for (int n = 0; n < in.L; ++n) c[n] = static_cast<int16_t>(4096 * v[n]);
+  c = sharpen(c, in);
+  for (int n = 0; n < kN; ++n) ASSERT_EQ(o.impulse[n], h[n]) << "n=" << n;
+  for (int n = 0; n < in.L; ++n) {
+    ASSERT_EQ(o.code[n], c[n]) << "n=" << n;
+    int32_t s = 2;
+    for (int m = 0; m <= n; ++m) s += v[m] * h[n - m];
+    ASSERT_EQ(o.filtered[n], wrap16(s) >> 2) << "n=" << n;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Kernels
+// ---------------------------------------------------------------------------
+
+TEST(AcelpKernels, TrackOrderIsTheCyclicTrackSequence) {
+  for (int i = 0; i < 11; ++i) EXPECT_EQ(kevrce_track_order[i], i % 5) << i;
+}
+
+// The kernels' products and sums, at their wrap points.
+TEST(AcelpKernels, BufMulAccumulateAndCorelationExact) {
+  int16_t factors[kN];
+  for (int q = 0; q < kN; ++q) factors[q] = (q % 2) != 0 ? int16_t{-32768} : int16_t{32767};
+  // Track 3: q = 3 (-), 8 (+), 13 (-), ..., 53: 11 entries, (entry f) >> 15.
+  int16_t row[12] = {100, 100, -32768, 0, 0, 0, 0, 0, 0, 0, 0, 1234};
+  EXPECT_EQ(kevrce_buf_mul(row, factors, 3), row + 11);
+  EXPECT_EQ(row[0], -100);
+  EXPECT_EQ(row[1], 99);      // 99.997 truncated
+  EXPECT_EQ(row[2], -32768);  // (-32768 * -32768) >> 15 = 32768 wraps
+  EXPECT_EQ(row[11], 1234);   // untouched
+  EXPECT_EQ(kevrce_buf_mul(row, factors, 55), row);  // a start past 54 changes nothing
+  EXPECT_EQ(row[0], -100);
+
+  int16_t acc[kN] = {}, u[kN] = {}, v[kN] = {};
+  acc[0] = 32767, u[0] = 1;      // wraps to -32768
+  acc[54] = -32768, v[54] = -1;  // wraps to 32767
+  kevrce_buf_accumulate(acc, u, v);
+  EXPECT_EQ(acc[0], -32768);
+  EXPECT_EQ(acc[54], 32767);
+
+  // compute_corelation: out(i) = ((s(p) v) >> 15) + R(i), v = (2c + 32768) >> 16.
+  // The last position reads acc(54) only: c = 16384 * 7, v = 4, (32767 * 4) >> 15 = 3.
+  int16_t hn[kN] = {}, s[kN], R[11] = {}, out[11];
+  std::fill(s, s + kN, int16_t{32767});
+  std::fill(acc, acc + kN, int16_t{0});
+  hn[0] = 16384;
+  acc[54] = 7;
+  R[10] = 100;
+  kevrce_compute_corelation(hn, acc, 4, s, R, out);
+  EXPECT_EQ(out[10], 100 + 3);
+  // The sum wraps in 32 bits before it is doubled in 64: c = 3 * 32767^2 =
+  // 3221028867 wraps to -1073938429; v = (2c + 32768) >> 16 = -32774;
+  // (32767 * -32774) >> 15 = -32773, which wraps to 32763 in 16 bits.
+  std::fill(acc, acc + kN, int16_t{0});
+  for (int k = 0; k < 3; ++k) hn[k] = acc[k] = 32767;
+  kevrce_compute_corelation(hn, acc, 0, s, R, out);
+  EXPECT_EQ(out[0], 32763);
+}
+
+// Pair search on tracks 0 and 1 with flat energies, so that the correlation
+// decides: d = 1000 at 5 (track 0), 800 at 1 and at 11 (track 1).
+TEST(AcelpKernels, SearchBestPulse) {
+  int16_t d[kN] = {}, B[kN] = {}, V1[11], V2[11], M[121] = {};
+  std::fill(V1, V1 + 11, int16_t{100});
+  std::fill(V2, V2 + 11, int16_t{100});
+  d[5] = 1000, d[1] = 800, d[11] = 800;
+  using A4 = std::array<int16_t, 4>;
+  auto run = [&](int16_t k0, int16_t e0, int16_t t1 = 0) {
+    const int16_t tracks[2] = {t1, 1};
+    int16_t state[4] = {k0, e0, -1, -1};
+    kevrce_search_best_pulse(tracks, d, B, V1, V2, M, state);
+    return A4{state[0], state[1], state[2], state[3]};
+  };
+  EXPECT_EQ(run(0, 0), (A4{1800, 200, 5, 1}));     // (5, 11) ties: the first wins
+  EXPECT_EQ(run(100, 50), (A4{1900, 250, 5, 1}));  // K0 and E0 carry
+  M[1 * 11 + 2] = -100;                            // lowers E of (5, 11) to 100
+  EXPECT_EQ(run(0, 0), (A4{1800, 100, 5, 11}));
+  M[1 * 11 + 2] = 0;
+  // Row p = 5 is not selectable: the first row (p = 0) with q = 1 (K = 800) wins.
+  B[5] = -1;
+  EXPECT_EQ(run(0, 0), (A4{800, 200, 0, 1}));
+  // A first track past 54: K = d(t1) + K0 + d(t2) with d(60) read as 0, E = 1.
+  EXPECT_EQ(run(7, 3, 60), (A4{807, 1, 60, 1}));
+}
+
+// ---------------------------------------------------------------------------
+// Search entry
+// ---------------------------------------------------------------------------
+
+// Both rates, with and without sharpening: h is sharpened in place, the
+// codevector is the decoder's reading of the words, sharpened, and y is the
+// decoded pulses through the sharpened h. The pitch gains include the
+// factor's thresholds (f = 29492 for 14747 and for 14746 = 29492 / 2; 6554
+// for 3277 and for 3276); the lags include T = L (off) and T = L - 1.
+TEST(AcelpSearch, CodevectorAndFilteredVectorMatchTheDecoder) {
+  Rng rng(testing::test_seed("AcelpSearch.MatchesDecoder"));
+  auto w = std::make_unique<kevrce_work>();
+  const int16_t gains[] = {14747, 14746, 3277, 3276, 8000, 20000, -5};
+  for (int iter = 0; iter < 800; ++iter) {
+    const bool full = iter % 2 == 0;
+    SearchIn in = random_case(rng, iter % 4 < 2);
+    if (iter % 5 == 0) in.residual.fill(0);
+    const int lags[] = {200, in.L, in.L - 1, rand_range(rng, 20, 60)};
+    in.lag = static_cast<int16_t>(lags[(iter / 4) % 4]);
+    in.pitch_gain = gains[rng.below(7)];
+    expect_matches_decoder(in, run_search(*w, in, full), full);
+    if (HasFailure()) {
+      ADD_FAILURE() << "iter " << iter;
+      return;
+    }
+  }
+}
+
+// Near full scale the headroom shift turns right (the double model stops
+// at 2^30). Unit response h(0) = -32768, x(10) = -32767:
+TEST(AcelpSearch, BackwardFilteringAndScalingExact) {
+  auto w = std::make_unique<kevrce_work>();
+  const int16_t *d = w->acelp.d;
+  // D = 2 * 32767 * 32768 = 2147418112 on one track: S = 5 + 1073709056,
+  // norm 1, e = -1: d = ((D >> 1) + 32768) >> 16 = 16384.
+  SearchIn in = unit_case(-32768);
+  in.target[10] = -32767;
+  run_search(*w, in, false);
+  EXPECT_EQ(d[10], 16384);
+  // The same on two tracks: S = 2147418117, norm 0, e = -2: d = 8192.
+  in.target[11] = -32767;
+  run_search(*w, in, false);
+  EXPECT_EQ(d[10], 8192);
+  EXPECT_EQ(d[11], 8192);
+}
+
+// Random subframes (no sharpening, no 32-bit wrap; the target past L is set
+// and must be zeroed before use) against double precision: d = D 2^(e - 16)
+// rounded, e = norm(S) - 2 (checked at half rate, where d is not sign-folded
+// afterwards), and the gain x.y / y.y in Q9 with y taken at half scale, to
+// within its truncations (Nn to 14 bits, Q to 16 bits, quotient, final shift).
+TEST(AcelpSearch, ScaledTargetAndGainFollowDoubleModels) {
+  Rng rng(testing::test_seed("AcelpSearch.ScaledTargetAndGainFollowDoubleModels"));
+  auto w = std::make_unique<kevrce_work>();
+  for (int iter = 0; iter < 200; ++iter) {
+    const bool full = iter % 2 == 0;
+    SearchIn in = random_case(rng, iter % 4 < 2);
+    for (int n = in.L; n < kN; ++n) in.target[n] = 30000;  // zeroed before use
+    const SearchOut o = run_search(*w, in, full);
+    if (!full) {
+      const DVec D = backward_filtered(in.target, in.impulse, in.L);
+      const double s = headroom_sum(D);
+      ASSERT_LT(s, 1073741824.0);
+      const int e = 30 - static_cast<int>(std::floor(std::log2(s))) - 2;
+      for (int p = 0; p < kN; ++p)
+        ASSERT_NEAR(w->acelp.d[p], D[p] * std::ldexp(1.0, e - 16), 0.5 + 1e-9) << p;
+    }
+    double xy = 1, yy = 0;  // N = 1 + x.y
+    for (int n = 0; n < in.L; ++n) {
+      const int half_y = o.filtered[n] >> 1;
+      xy += 2.0 * in.target[n] * half_y;
+      yy += 2.0 * half_y * half_y;
+    }
+    ASSERT_LT(yy, 2147483648.0);
+    if (xy <= 0) {
+      EXPECT_EQ(o.gain, 0) << "iter " << iter;
+    } else if (const double g = 256.0 * xy / yy; g < 32767) {  // N / Q in Q8: Q9
+      EXPECT_NEAR(o.gain, g, 1.0 + g * 2e-4) << "iter " << iter;
+    }
+  }
+}
+
+// Gain 0 when the target does not correlate with y (and the one exception
+// the modulo-32 shift count makes).
+TEST(AcelpSearch, ZeroGainWithoutPositiveCorrelation) {
+  auto w = std::make_unique<kevrce_work>();
+  // Half rate, a target only where no pulse can go: K = 0 for every triple,
+  // so the first triple (0, 2, 4) stays with sign 0; x.y = 0 and N = 1.
+  // Nn = 2^30 passes the floor, but the quotient (8192 << 15) / 24576 = 10922
+  // is shifted out by 30 + 6 - 12 = 24.
+  SearchIn in = unit_case();
+  in.target[1] = 1000;
+  in.target[3] = -700;
+  SearchOut o = run_search(*w, in, false);
+  EXPECT_EQ(o.index[0], 0);
+  EXPECT_EQ(o.code[0], 4096);
+  EXPECT_EQ(o.code[2], -4096);
+  EXPECT_EQ(o.code[4], 4096);
+  EXPECT_EQ(o.gain, 0);
+  // The same with h(0) = 32767: y = 8192, -8192, 8192, Q = 6 * 4096^2, e2 = 4,
+  // Qh = 24576, and the shift count 30 + 6 - 4 = 32 wraps to 0: the gain is
+  // the bare quotient 10922.
+  in.impulse[0] = 32767;
+  o = run_search(*w, in, false);
+  EXPECT_EQ(o.index[0], 0);
+  EXPECT_EQ(o.gain, 10922);
+  // Full rate, anti-correlated: with h(0) = 30000 the double pulse at 10
+  // filters to 60002 wrapped to 16 bits, -5534 >> 2 = -1384, so x.y < 0
+  // although the pulses follow the target.
+  in = unit_case(30000);
+  in.target[10] = 1000;
+  o = run_search(*w, in, true);
+  ASSERT_EQ(o.code[10], 8192);
+  EXPECT_EQ(o.filtered[10], -1384);
+  EXPECT_EQ(o.gain, 0);
+}
+
+// R and M, built by running diagonal sums, equal their direct forms entry by
+// entry over the scratch's own hn: at full rate over 0..54 with the signs
+// folded in ((M f) >> 15, f = s(q) or -s(q) by s(p)), at half rate over
+// 0..L-1 for the pairs (0,1), (0,2), (1,2).
+TEST(AcelpSearch, CorrelationMatricesMatchDirectFormulas) {
+  Rng rng(testing::test_seed("AcelpSearch.CorrelationMatrices"));
+  auto w = std::make_unique<kevrce_work>();
+  for (int iter = 0; iter < 40; ++iter) {
+    const SearchIn in = random_case(rng, iter % 4 < 2);
+    run_search(*w, in, iter % 2 == 0);
+    if (iter % 2 == 0) {
+      const kevrce_acelp_full_scratch &s = w->acelp.full;
+      const int16_t *hn = s.hn_pos + kAcelpGuard;
+      for (int n = 0; n < kAcelpGuard; ++n) ASSERT_EQ(s.hn_pos[n] | s.hn_neg[n], 0);
+      for (int n = 0; n < kN; ++n) {
+        ASSERT_EQ(s.hn_neg[kAcelpGuard + n], -hn[n]);
+        ASSERT_TRUE(n < in.L || hn[n] == 0);
+      }
+      for (int p = 0; p < kN; ++p) ASSERT_EQ(s.diag[p % 5][p / 5], direct_corr(hn, p, p, 54, 17));
+      for (int t = 0; t < 5; ++t)
+        for (int ij = 0; ij < 121; ++ij) {
+          const int p = t + 5 * (ij / 11), q = (t + 1) % 5 + 5 * (ij % 11);
+          const int16_t f = s.sign[p] >= 0 ? s.sign[q] : s.sign_neg[q];
+          ASSERT_EQ(s.cross[t][ij], wrap16((direct_corr(hn, p, q, 54, 16) * f) >> 15)) << t << " " << ij;
+        }
+    } else {
+      const kevrce_acelp_half_scratch &s = w->acelp.half;
+      const int pairs[3][2] = {{0, 1}, {0, 2}, {1, 2}};
+      for (int t = 0; t < 3; ++t) {
+        for (int i = 0; i < 8; ++i)
+          ASSERT_EQ(s.diag[t][i], direct_corr(s.hn, 2 * t + 7 * i, 2 * t + 7 * i, in.L - 1, 17));
+        for (int ij = 0; ij < 64; ++ij) {
+          const int p = 2 * pairs[t][0] + 7 * (ij / 8), q = 2 * pairs[t][1] + 7 * (ij % 8);
+          ASSERT_EQ(s.cross[t][ij], direct_corr(s.hn, p, q, in.L - 1, 16)) << t << " " << ij;
+        }
+      }
+    }
+  }
+}
+
+// Regression guard: a checksum of every output over fixed random subframes,
+// both rates (set when the searches were checked by the tests in this file;
+// any change to their arithmetic shows here first).
+TEST(AcelpSearch, FrozenOutputs) {
+  Rng rng(4242);
+  auto w = std::make_unique<kevrce_work>();
+  uint64_t h = testing::kFnvOffset;
+  for (int iter = 0; iter < 200; ++iter) {
+    SearchIn in = random_case(rng, false);  // responses made here only
+    in.lag = static_cast<int16_t>(rand_range(rng, 20, 60));
+    in.pitch_gain = static_cast<int16_t>(rand_range(rng, 0, 16384));
+    const bool full = iter % 3 != 0;
+    const SearchOut o = run_search(*w, in, full);
+    h = testing::fnv1a(h, o.code.data(), in.L);
+    h = testing::fnv1a(h, o.filtered.data(), in.L);
+    h = testing::fnv1a(h, o.index.data(), full ? 4 : 1);  // the coded words
+    h = testing::fnv1a(h, &o.gain, 1);
+  }
+  EXPECT_EQ(h, 0xF1E78D6C7A291F23ull);
+}
+
+// Garbage and full-scale inputs: any lag, gain and sample values. Checked for
+// undefined behaviour and out-of-bounds access by the sanitizer build, and for
+// the zero padding and the decoder's reading in either build.
+TEST(AcelpSearch, GarbageAndFullScaleInputs) {
+  Rng rng(testing::test_seed("AcelpSearch.GarbageAndFullScaleInputs"));
+  auto w = std::make_unique<kevrce_work>();
+  const int16_t extremes[] = {-32768, -32767, -1, 0, 1, 32767};
+  const int lags[] = {-32768, -1, 0, 1, 19, 53, 54, 200, 32767};
+  for (int iter = 0; iter < 600; ++iter) {
+    SearchIn in;
+    in.L = iter % 2 == 0 ? 53 : 54;
+    // Per vector (target, residual, impulse; bits 3, 4, 5 of iter): uniform
+    // garbage, extremes only, a full-scale constant, or zero.
+    auto sample = [&](int which) -> int16_t {
+      const bool bit = ((iter >> (3 + which)) & 1) != 0;
+      switch (iter % 4) {
+        case 0: return static_cast<int16_t>(rng.next());
+        case 1: return extremes[rng.below(6)];
+        case 2: return bit ? int16_t{32767} : int16_t{-32768};
+        default: return bit ? static_cast<int16_t>(rng.next()) : int16_t{0};
+      }
+    };
+    for (int n = 0; n < kN; ++n) {
+      in.target[n] = sample(0);
+      in.residual[n] = sample(1);
+      in.impulse[n] = sample(2);
+    }
+    in.lag = iter < 300 ? int16_t{200} : static_cast<int16_t>(lags[rng.below(9)]);
+    in.pitch_gain = static_cast<int16_t>(rng.next());
+    const bool full = (iter / 2) % 2 == 0;
+    const SearchOut o = run_search(*w, in, full);
+    for (int n = in.L; n < kN; ++n) {
+      EXPECT_EQ(o.target[n], 0);
+      if (!full) {
+        EXPECT_EQ(o.residual[n], 0);  // at full rate r holds the B values
+      }
+    }
+    expect_matches_decoder(in, o, full);
+    if (HasFailure()) {
+      ADD_FAILURE() << "iter " << iter;
+      return;
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Full rate
+// ---------------------------------------------------------------------------
+
+// The structured search is not exhaustive, but its pulses must correlate far
+// better with the target than random pulse sets of the same structure whose
+// signs follow the backward-filtered target.
+TEST(AcelpFullRate, BeatsRandomPulseSets) {
+  Rng rng(testing::test_seed("AcelpFullRate.BeatsRandomPulseSets"));
+  auto w = std::make_unique<kevrce_work>();
+  int wins = 0;
+  const int cases = 60;
+  for (int iter = 0; iter < cases; ++iter) {
+    const SearchIn in = random_case(rng, iter % 2 == 0);
+    const SearchOut o = run_search(*w, in, true);
+    DVec c{};
+    for (int n = 0; n < in.L; ++n) c[n] = o.code[n];
+    const double found = criterion(in.target, o.impulse, c, in.L);
+    const DVec D = backward_filtered(in.target, in.impulse, in.L);
+    double best_random = 0;
+    for (int r = 0; r < 200; ++r) {
+      DVec cr{};
+      const int k = static_cast<int>(rng.below(4));
+      for (int j = 0; j < 5; ++j) {
+        for (int m = 0; m < (j < 3 ? 2 : 1); ++m) {
+          const int p = (k + j) % 5 + 5 * static_cast<int>(rng.below(11));
+          if (p < in.L) cr[p] += D[p] >= 0 ? 4096 : -4096;
+        }
+      }
+      best_random = std::max(best_random, criterion(in.target, o.impulse, cr, in.L));
+    }
+    EXPECT_GT(found, 0.95 * best_random) << "iter " << iter;
+    wins += found > best_random;
+  }
+  EXPECT_GE(wins, cases * 9 / 10);  // about 1.5 times the best random set at the median
+}
+
+// Unit response, d at position 10 only: the best configurations put both
+// pulses of track 0 there (K doubles while E grows by less than 4x):
+// code(10) = +-8192 and the word of track 0 has lo = hi = 2 (2 + 11 * 2 = 24),
+// with the sign bit (128) for a negative target. Configurations 0 and 3 (both
+// with two pulses on track 0) tie exactly: the earlier one stays.
+TEST(AcelpFullRate, TwoPulsesAtOnePosition) {
+  auto w = std::make_unique<kevrce_work>();
+  for (int sign : {1, -1}) {
+    SearchIn in = unit_case();
+    in.target[10] = static_cast<int16_t>(1000 * sign);
+    const SearchOut o = run_search(*w, in, true);
+    EXPECT_EQ(o.code[10], 8192 * sign);
+    EXPECT_EQ(o.index[3] >> 9, 0);
+    EXPECT_EQ(o.index[0], 24 + (sign < 0 ? 128 : 0));
+  }
+}
+
+// Two-tap response (2048, 1024), L = 53, target at 0 and 8: configuration 3
+// (two pulses on tracks 3, 4 and 0) wins, and the second track-4 pulse has
+// no target to follow; position 54, where only h(0) of its response lies in
+// the span, costs the least energy. It is coded in word 1 but leaves code and
+// y untouched.
+TEST(AcelpFullRate, PulseBeyondTheSubframeIsCodedOnly) {
+  auto w = std::make_unique<kevrce_work>();
+  SearchIn in = unit_case();
+  in.L = 53;
+  in.impulse[1] = 1024;
+  in.target[0] = 3000;
+  in.target[8] = 2000;
+  const SearchOut o = run_search(*w, in, true);
+  expect_matches_decoder(in, o, true);
+  ASSERT_EQ(o.index[3] >> 9, 3);
+  int16_t all[kN] = {};
+  decode_words(o, true, all, kN);
+  EXPECT_EQ(all[54], 1);
+  EXPECT_EQ(o.code[0], 8192);
+  EXPECT_EQ(o.code[8], 8192);
+  EXPECT_EQ(o.filtered[52], 0);  // no pulse at 51 or 52
+}
+
+// Signs and pre-selection values with r != 0, on track 0 only:
+//   d = 100, 400, -200 and r = -600, -100, 300 at p = 0, 5, 10.
+//   Ed = 420000: nd = 12, Edh = 26250; Er = 920000: nr = 11, Erh = 28750;
+//   P = 2 * 28750 * 26250 = 1509375000, np = 0; total = 23 (odd):
+//   sq = squar_rt(P) * 23170 >> 15 = 19425; a = 14, b = 12, m = 12.
+//   beta = (2 * 26250 * r >> 2) + 2 * d * 19425 = -3990000, 14227500, -3832500;
+//   B = |beta| >> 8 = 15585, 32767 (saturated), 14970.
+// At p = 0 the residual outweighs the target (r / |r| = -0.89 against
+// 2 d / |d| = 0.44), so the sign there is negative although d is positive.
+// The five weakest B go (-1): the zeros at 30..50, scanned last among equals.
+TEST(AcelpFullRate, SignsAndPreselectionValuesExact) {
+  auto w = std::make_unique<kevrce_work>();
+  int16_t d[kN] = {}, r[kN] = {};
+  d[0] = 100, d[5] = 400, d[10] = -200;
+  r[0] = -600, r[5] = -100, r[10] = 300;
+  const Vec h = unit_case().impulse;
+  int16_t code[kN], y[kN], index[10];
+  kevrce_algcbk_fullrate(w.get(), d, r, 54, h.data(), code, y, index);
+  const kevrce_acelp_full_scratch &s = w->acelp.full;
+  EXPECT_EQ(s.sign[0], -32768);
+  EXPECT_EQ(s.sign_neg[0], 32767);
+  EXPECT_EQ(s.sign[5], 32767);
+  EXPECT_EQ(s.sign[10], -32768);
+  EXPECT_EQ(d[0], -100);  // folded to the sign of its position
+  EXPECT_EQ(d[5], 400);
+  EXPECT_EQ(d[10], 200);
+  EXPECT_EQ(r[0], 15585);
+  EXPECT_EQ(r[5], 32767);
+  EXPECT_EQ(r[10], 14970);
+  for (int p = 15; p <= 50; p += 5) EXPECT_EQ(r[p], p < 30 ? 0 : -1) << p;
+}
+
+// ---------------------------------------------------------------------------
+// Half rate
+// ---------------------------------------------------------------------------
+
+// The search is exhaustive: its triple must reach the double-precision best
+// of K^2 / E over all 512 triples, up to the fixed-point rounding of d, R and M
+// (about 1/1000 of the energies).
+TEST(AcelpHalfRate, FindsTheDoublePrecisionOptimum) {
+  Rng rng(testing::test_seed("AcelpHalfRate.FindsTheOptimum"));
+  auto w = std::make_unique<kevrce_work>();
+  double worst = 1;
+  for (int iter = 0; iter < 100; ++iter) {
+    const SearchIn in = random_case(rng, iter % 2 == 0);
+    const SearchOut o = run_search(*w, in, false);
+    DVec c{};
+    for (int n = 0; n < in.L; ++n) c[n] = o.code[n];
+    // Over the L samples, pulses at 53 (L = 53) drop out, as in the search.
+    const double found = criterion(in.target, o.impulse, c, in.L);
+    double best = 0;
+    for (int i = 0; i < 512; ++i) {
+      DVec t{};
+      const int p[3] = {7 * (i >> 6), 2 + 7 * ((i >> 3) & 7), 4 + 7 * (i & 7)};
+      for (int k = 0; k < 3; ++k)
+        if (p[k] < in.L) t[p[k]] = k == 1 ? -1.0 : 1.0;
+      best = std::max(best, criterion(in.target, o.impulse, t, in.L));
+    }
+    ASSERT_GT(best, 0);
+    worst = std::min(worst, found / best);
+    EXPECT_GE(found, 0.995 * best) << "iter " << iter;
+  }
+  std::printf("[          ] worst found/best ratio: %.6f\n", worst);
+}
+
+// Unit response: all R = 512 for positions inside the subframe and 0 for
+// position 53 when L = 53; all M = 0. With d only on tracks 0 and 1, pulse 2
+// costs nothing at 53: it is coded (u2 = 7) but not placed.
+TEST(AcelpHalfRate, ThirdPulseAt53WithL53) {
+  auto w = std::make_unique<kevrce_work>();
+  int16_t d[kN] = {};
+  d[0] = 10000;
+  d[2] = -10000;
+  const Vec h = unit_case().impulse;
+  Vec code, y;
+  code.fill(0x5555);
+  int16_t index[10] = {};
+  kevrce_algcbk_lowrate(w.get(), d, 53, h.data(), code.data(), y.data(), index);
+  EXPECT_EQ(index[0], 7);  // sign 0, u0 = 0, u1 = 0, u2 = 7
+  for (int n = 0; n < 53; ++n) EXPECT_EQ(code[n], n == 0 ? 4096 : n == 2 ? -4096 : 0) << n;
+  EXPECT_EQ(code[53], 0x5555);  // not written
+  EXPECT_EQ(y[0], 512);
+  EXPECT_EQ(y[2], -512);
+  // With L = 54 the same d picks the first track-2 position (all E equal).
+  kevrce_algcbk_lowrate(w.get(), d, 54, h.data(), code.data(), y.data(), index);
+  EXPECT_EQ(index[0], 0);
+  EXPECT_EQ(code[4], 4096);
+}
+
+// K = d(p0) - d(p1) + d(p2) < 0 at the best triple: sign bit 1 and pulses
+// minus, plus, minus.
+TEST(AcelpHalfRate, NegativeCorrelationSetsSignBit) {
+  auto w = std::make_unique<kevrce_work>();
+  int16_t d[kN] = {};
+  d[7] = -10000;  // u0 = 1
+  d[16] = 9000;   // u1 = 2
+  d[25] = -8000;  // u2 = 3
+  const Vec h = unit_case().impulse;
+  Vec code{}, y{};
+  int16_t index[10] = {};
+  kevrce_algcbk_lowrate(w.get(), d, 54, h.data(), code.data(), y.data(), index);
+  EXPECT_EQ(index[0], 512 + 64 * 1 + 8 * 2 + 3);
+  EXPECT_EQ(code[7], -4096);
+  EXPECT_EQ(code[16], 4096);
+  EXPECT_EQ(code[25], -4096);
+}
+
+}  // namespace
+}  // namespace kevrc
