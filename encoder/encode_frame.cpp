@@ -53,20 +53,24 @@ void quantize_lsp(kevrce_work *w, const kevrce_rate_params &p) {
   std::memcpy(w->lsp_q, w->lsp_weight, sizeof w->lsp_q);
 }
 
-// Quantized LPC of subframe i, interpolated from the previous frame's LSPs.
-void subframe_lpc_q(const kevrce_instance *enc, kevrce_work *w, int i) {
-  kevrc_interpol(w->sub_lsp_q, enc->prev_lsp_q, w->lsp_q, static_cast<int16_t>(i));
+// LPC (Q12) of subframe i from LSPs interpolated between the previous and
+// the current frame's; sub_lsp receives the interpolated LSPs.
+void interpolated_lpc(const int16_t *prev, const int16_t *cur, int i, int16_t *sub_lsp,
+                      int16_t *lpc) {
+  kevrc_interpol(sub_lsp, prev, cur, static_cast<int16_t>(i));
   int16_t lsp[10];
-  std::memcpy(lsp, w->sub_lsp_q, sizeof lsp);  // lsp2lpc repairs its argument
-  kevrc_lsp2lpc(lsp, w->aq);
+  std::memcpy(lsp, sub_lsp, sizeof lsp);  // lsp2lpc repairs its argument
+  kevrc_lsp2lpc(lsp, lpc);
+}
+
+// Quantized LPC of subframe i (the synthesis filter's).
+void subframe_lpc_q(const kevrce_instance *enc, kevrce_work *w, int i) {
+  interpolated_lpc(enc->prev_lsp_q, w->lsp_q, i, w->sub_lsp_q, w->aq);
 }
 
 // Unquantized LPC of subframe i (the weighting filter's).
 void subframe_lpc(const kevrce_instance *enc, kevrce_work *w, int i) {
-  kevrc_interpol(w->sub_lsp, enc->prev_lsp, w->lsp, static_cast<int16_t>(i));
-  int16_t lsp[10];
-  std::memcpy(lsp, w->sub_lsp, sizeof lsp);
-  kevrc_lsp2lpc(lsp, w->a);
+  interpolated_lpc(enc->prev_lsp, w->lsp, i, w->sub_lsp, w->a);
 }
 
 void eighth_rate_frame(kevrce_work *w, kevrce_instance *enc) {
