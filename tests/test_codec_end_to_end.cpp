@@ -105,58 +105,6 @@ TEST(CodecEndToEnd, VariableRateSpeechUsesEveryRateAndDecodes) {
   EXPECT_GT(count[4], total / 2);
 }
 
-// Waveform match at forced rates (postfilter off, noise suppression off).
-// The decoder restores the level the encoder halved, and lags the input by
-// 80 samples plus the time shift of the residual warping (up to 72
-// samples), so each frame is compared at its best lag in that range.
-double aligned_segmental_snr(const std::vector<int16_t> &x, const std::vector<int16_t> &y) {
-  double peak = 0;
-  for (size_t k = 0; k + 160 <= x.size(); k += 160) {
-    double e = 0;
-    for (int n = 0; n < 160; ++n) e += 4.0 * x[k + n] * x[k + n];
-    peak = std::max(peak, e);
-  }
-  double sum = 0;
-  int frames = 0;
-  for (size_t k = 0; k + 160 + 160 <= y.size(); k += 160) {
-    double es = 0;
-    for (int n = 0; n < 160; ++n) es += 4.0 * x[k + n] * x[k + n];
-    if (es < peak * 1e-3) continue;  // within 30 dB of the loudest frame
-    double best = -10;
-    for (int lag = 80 - 72; lag <= 80 + 72; ++lag) {
-      double en = 0;
-      for (int n = 0; n < 160; ++n) {
-        const double r = 2.0 * x[k + n] - y[k + n + lag];
-        en += r * r;
-      }
-      best = std::max(best, 10 * std::log10((es + 1) / (en + 1)));
-    }
-    sum += std::min(best, 35.0);
-    ++frames;
-  }
-  return frames ? sum / frames : 0;
-}
-
-TEST(CodecEndToEnd, ForcedRatesMatchTheWaveform) {
-  std::vector<int16_t> speech = held_out_speech(0, 20, 30);
-  if (speech.empty()) speech = speechlike(500, 5);
-  for (int rate : {4, 3}) {
-    Encoder e({rate, rate, 0, 0});
-    Decoder d(kNoPostfilter);
-    std::vector<int16_t> in, out;
-    for (size_t k = 0; k < speech.size(); k += 160) {
-      const Encoder::Frame f = e.encode(&speech[k]);
-      ASSERT_EQ(f.status, KEVRC_OK);
-      in.insert(in.end(), f.conditioned.begin(), f.conditioned.end());
-      const Decoder::Frame o = d.decode(f.packet());
-      out.insert(out.end(), o.pcm.begin(), o.pcm.end());
-    }
-    const double snr = aligned_segmental_snr(in, out);
-    std::printf("rate %d: aligned segmental SNR %.2f dB\n", rate, snr);
-    EXPECT_GT(snr, rate == 4 ? 11.0 : 8.0) << "rate " << rate;
-  }
-}
-
 // The decoder's excitation history and synthesis memory stay within a small
 // bound of the encoder's own over minutes of speech, and the difference does
 // not grow. (The two differ in rounding, and their eighth-rate noise

@@ -9,28 +9,6 @@ namespace {
 using testing::Decoder;
 using testing::Packet;
 
-TEST(NoiseGenerator, UnitVarianceInQ13) {
-  int16_t seed = 1234, pair = 0;
-  int32_t stored = 0;
-  const int n = 400000;
-  double sum = 0, sq = 0;
-  int big = 0;
-  for (int i = 0; i < n; ++i) {
-    const int16_t v = kevrcd_ran_noise_gen(&seed, &pair, &stored);
-    sum += v;
-    sq += static_cast<double>(v) * v;
-    if (std::abs(v) > 3 * 8192) ++big;
-  }
-  const double mean = sum / n, sd = std::sqrt(sq / n - mean * mean);
-  EXPECT_LT(std::fabs(mean), 60.0);
-  // About 12 % of the samples come from the three-uniform fallback (sd 4096),
-  // the rest are Gaussian with sd 8192.
-  EXPECT_GT(sd, 7500.0);
-  EXPECT_LT(sd, 8100.0);
-  EXPECT_GT(big, n / 1000);  // Gaussian tails beyond 3 sd (0.27 % of the Gaussian part)
-  EXPECT_LT(big, n / 200);
-}
-
 TEST(NoiseGenerator, PairsAndFallback) {
   int16_t seed = 1234, pair = 0;
   int32_t stored = 0;

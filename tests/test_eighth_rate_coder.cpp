@@ -43,27 +43,6 @@ TEST(GaussNoise, SecondOfAPairComesFromTheHeldValue) {
   EXPECT_GT(pairs, 300);
 }
 
-// Unit variance in Q13 for the polar draws; the rarer fallback (a sum of
-// three uniforms, half the spread) lowers the overall deviation slightly.
-TEST(GaussNoise, DistributionIsGaussianInQ13) {
-  Bare b;
-  const int n = 200000;
-  double sum = 0, sum2 = 0, sum4 = 0;
-  int within_one = 0;
-  for (int i = 0; i < n; ++i) {
-    const double x = kevrce_gauss_noise(b.enc.get()) / 8192.0;
-    sum += x;
-    sum2 += x * x;
-    sum4 += x * x * x * x;
-    within_one += std::abs(x) < 1.0;
-  }
-  const double mean = sum / n, var = sum2 / n - mean * mean;
-  EXPECT_NEAR(mean, 0.0, 0.02);
-  EXPECT_NEAR(std::sqrt(var), 0.96, 0.04);
-  EXPECT_NEAR(sum4 / n / (var * var), 3.0, 0.35);  // kurtosis of a Gaussian
-  EXPECT_NEAR(static_cast<double>(within_one) / n, 0.70, 0.04);
-}
-
 TEST(GaussNoise, SeedRestartsOnRequest) {
   Bare a, b;
   for (int i = 0; i < 37; ++i) kevrce_gauss_noise(a.enc.get());
@@ -127,11 +106,6 @@ TEST(LowRateEnergy, QuietSubframesUseTheGainOnly) {
     EXPECT_EQ(kevrce_lbr_energy(g, zeros, 0), kevrce_lbr_energy(g, zeros, 54)) << g;
   }
   EXPECT_NE(kevrce_lbr_energy(4095, just_above, 54), kevrce_lbr_energy(4095, zeros, 54));
-  // Degenerate gains must not crash.
-  for (int16_t g : {int16_t{0}, int16_t{-1}, int16_t{-32768}}) {
-    kevrce_lbr_energy(g, zeros, 54);
-    kevrce_lbr_energy(g, just_above, 54);
-  }
 }
 
 // The last subframe searches the index, replaces the energies by the row's

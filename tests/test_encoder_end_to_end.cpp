@@ -1,12 +1,9 @@
-// The whole encoder on generated signals: every kind of input runs cleanly,
-// the rate decision settles where it should, and eighth-rate packets decode
-// to noise that follows the input's level.
+// The whole encoder on generated signals: rate bounds, the rate decision
+// settling where it should, and frozen checksums of its output.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cmath>
-#include <functional>
-#include <memory>
 #include <vector>
 
 #include "tests/test_util.h"
@@ -17,7 +14,6 @@ namespace {
 using testing::Decoder;
 using testing::Encoder;
 
-using Signal = std::function<int16_t(int n)>;
 
 int16_t clip(double v) { return static_cast<int16_t>(std::clamp(std::lround(v), -32768L, 32767L)); }
 
@@ -54,48 +50,6 @@ std::vector<int16_t> noise(int frames, double rms, uint64_t seed, double smoothi
   return out;
 }
 
-std::vector<std::pair<const char *, Signal>> hostile_signals(uint64_t seed) {
-  auto rng = std::make_shared<testing::Rng>(seed);
-  return {
-      {"silence", [](int) { return int16_t{0}; }},
-      {"dc+", [](int) { return int16_t{32767}; }},
-      {"dc-", [](int) { return int16_t{-32768}; }},
-      {"nyquist", [](int n) { return static_cast<int16_t>(n % 2 ? 32767 : -32768); }},
-      {"square", [](int n) { return static_cast<int16_t>((n / 20) % 2 ? 32767 : -32768); }},
-      {"noise", [rng](int) { return static_cast<int16_t>(static_cast<int32_t>(rng->below(65536)) - 32768); }},
-      {"sweep", [](int n) { return clip(32767 * std::sin(M_PI * n * (n / 96000.0) / 8.0)); }},
-      {"steps", [](int n) { return static_cast<int16_t>((n / 800) % 2 ? 30000 * ((n % 7) - 3) / 3 : (n % 3) - 1); }},
-      {"impulses", [](int n) { return static_cast<int16_t>(n % 397 == 0 ? 32767 : 0); }},
-  };
-}
-
-// Every input runs without undefined behaviour in every configuration; each
-// frame reports a valid rate within the bounds and its size, and every
-// packet decodes.
-TEST(EncoderEndToEnd, HostileInputsRunCleanly) {
-  const uint64_t seed = testing::test_seed("HostileInputsRunCleanly");
-  const kevrce_config configs[] = {{4, 1, 0, 0}, {1, 1, 0, 0}, {4, 1, 0, 1}, {4, 4, 0, 1}, {3, 3, 0, 0}};
-  for (const kevrce_config &cfg : configs) {
-    for (const auto &[name, signal] : hostile_signals(seed)) {
-      Encoder e(cfg);
-      Decoder d;
-      int n = 0;
-      for (int frame = 0; frame < 40; ++frame) {
-        std::array<int16_t, 160> x{};
-        for (auto &v : x) v = signal(n++);
-        Encoder::Frame f = e.encode(x.data());
-        ASSERT_EQ(f.status, KEVRC_OK) << name;
-        const int16_t rate = static_cast<int16_t>(f.result.rate);
-        ASSERT_TRUE(rate == 1 || rate == 3 || rate == 4) << name;
-        EXPECT_GE(rate, cfg.min_rate);
-        EXPECT_LE(rate, cfg.max_rate);
-        EXPECT_EQ(f.result.bytes, rate == 1 ? 2 : rate == 3 ? 10 : 22);
-        EXPECT_EQ(d.decode(f.packet()).status, KEVRC_OK) << name << " frame " << frame;
-      }
-      EXPECT_EQ(e.get()->frame_count, 40u);
-    }
-  }
-}
 
 // Quarter rate is never produced: a bound of 2 acts as eighth rate when it
 // caps (max_rate 2) and as half rate when it raises (min_rate 2).
@@ -147,51 +101,6 @@ TEST(EncoderEndToEnd, RateDecisionSettles) {
   EXPECT_GE(share(110, 150, 4), 0.95);
   EXPECT_EQ(share(220, 250, 1), 1.0);
 }
-
-// Eighth rate end to end: on a low-pass background the decoded frame energy
-// follows the energy of the conditioned input (one frame later: the encoder
-// codes one frame behind its input) across level changes. (The coder
-// measures the residual level over the synthesis filter's gain, so the
-// match depends on the spectrum: white noise comes out about 3.5 dB louder,
-// steeply falling noise about 2 dB softer.)
-TEST(EncoderEndToEnd, EighthRateLevelFollowsInput) {
-  Encoder e({1, 1, 0, 0});
-  Decoder d;
-  std::vector<int16_t> s;
-  // The energy table spans levels up to about 44 dB (rms 160 after the
-  // encoder halves its input); louder backgrounds are coded at higher rates.
-  for (double rms : {20.0, 200.0, 60.0, 300.0, 40.0}) {
-    std::vector<int16_t> part = noise(30, rms, static_cast<uint64_t>(rms), 0.8);
-    s.insert(s.end(), part.begin(), part.end());
-  }
-  std::vector<double> in_db, out_db;
-  for (size_t k = 0; k + 160 <= s.size(); k += 160) {
-    Encoder::Frame f = e.encode(&s[k]);
-    ASSERT_EQ(f.status, KEVRC_OK);
-    testing::Decoder::Frame o = d.decode(f.packet());
-    auto db = [](const int16_t *x) {
-      double acc = 1;
-      for (int n = 0; n < 160; ++n) acc += static_cast<double>(x[n]) * x[n];
-      return 10 * std::log10(acc / 160);
-    };
-    in_db.push_back(db(f.conditioned.data()));
-    out_db.push_back(db(o.pcm.data()));
-  }
-  double err = 0;
-  int counted = 0;
-  for (size_t k = 1; k < in_db.size(); ++k) {
-    if (k % 30 < 3) continue;  // let each level settle
-    err += std::abs(out_db[k] - in_db[k - 1]);
-    ++counted;
-  }
-  EXPECT_LT(err / counted, 2.0);
-}
-
-}  // namespace
-}  // namespace kevrc
-
-namespace kevrc {
-namespace {
 
 // Frozen output: checksums of the payloads, the rates and the conditioned
 // samples for generated signals, so that any change in the encoder's bits

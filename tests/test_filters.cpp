@@ -8,19 +8,6 @@
 namespace kevrc {
 namespace {
 
-TEST(Filters, ZeroCoefficientsCopyTheInput) {
-  const int16_t a[10] = {};
-  int16_t mem_i[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, mem_f[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-  int16_t in[5] = {-32768, -1, 0, 1, 32767}, out[5];
-  kevrc_iir(in, a, mem_i, 5, out);
-  EXPECT_EQ(0, std::memcmp(in, out, sizeof in));
-  kevrc_fir(in, a, mem_f, 5, out);
-  EXPECT_EQ(0, std::memcmp(in, out, sizeof in));
-  EXPECT_EQ(mem_i[0], 32767);  // synthesis memory holds outputs
-  EXPECT_EQ(mem_f[4], -32768);  // inverse-filter memory holds inputs
-  EXPECT_EQ(mem_f[5], 1);
-}
-
 TEST(Filters, SynthesisSaturatesWhileInverseWraps) {
   // a1 = -2.0: a growing resonance.
   int16_t a[10] = {-8192};
@@ -139,109 +126,6 @@ TEST(LspToLpc, RangeRepairRewritesTheVector) {
   EXPECT_EQ(0, std::memcmp(lsp3, kevrc_prev_lsp, sizeof lsp3));
 }
 
-// Direct-form LPC of an LSP vector in floating point.
-std::vector<double> lpc_from_lsp_float(const int16_t *lsp) {
-  std::vector<double> p = {1.0, 1.0}, q = {1.0, -1.0};
-  auto mul = [](std::vector<double> v, double c) {
-    std::vector<double> r(v.size() + 2, 0.0);
-    for (size_t i = 0; i < v.size(); ++i) {
-      r[i] += v[i];
-      r[i + 1] -= 2 * c * v[i];
-      r[i + 2] += v[i];
-    }
-    return r;
-  };
-  for (int j = 0; j < 5; ++j) {
-    p = mul(p, std::cos(M_PI * lsp[2 * j] / 16384.0));
-    q = mul(q, std::cos(M_PI * lsp[2 * j + 1] / 16384.0));
-  }
-  std::vector<double> a(10);
-  for (int k = 0; k < 10; ++k) a[k] = (p[k + 1] + q[k + 1]) / 2;
-  return a;
-}
-
-TEST(LspToLpc, MatchesTheFloatingPointConversion) {
-  testing::Rng rng(testing::test_seed("LspToLpcMatchesFloat"));
-  for (int trial = 0; trial < 500; ++trial) {
-    int idx[4];
-    const testing::FullFields f = testing::random_full(rng, 40);
-    std::copy(f.lsp, f.lsp + 4, idx);
-    const std::vector<int> v = testing::lsp_from_indices(4, idx);
-    int16_t lsp[10], lpc[10];
-    for (int k = 0; k < 10; ++k) lsp[k] = static_cast<int16_t>(v[k]);
-    const std::vector<double> want = lpc_from_lsp_float(lsp);
-    kevrc_lsp2lpc(lsp, lpc);
-    for (int k = 0; k < 10; ++k) ASSERT_NEAR(lpc[k] / 4096.0, want[k], 0.02) << trial << " " << k;
-  }
-}
-
-TEST(Tables, FormulaTablesMatchTheirFormulas) {
-  for (int k = 0; k <= 128; ++k) {
-    EXPECT_EQ(kevrc_tbl_cos129[k], std::clamp(std::lround(32768 * std::cos(k * M_PI / 128)), -32768L, 32767L));
-    EXPECT_EQ(kevrc_tbl_sin129[k], std::clamp(std::lround(32768 * std::sin(k * M_PI / 128)), -32768L, 32767L));
-  }
-  for (int i = 0; i < 49; ++i)
-    EXPECT_EQ(kInvSqrtTable[i], std::min(32767L, std::lround(131072 / std::sqrt(16.0 + i))));
-  for (int k = 0; k < 10; ++k) {
-    EXPECT_NEAR(kevrcd_tbl_wfac_alpha[k], 32768 * std::pow(0.57, k + 1), 1.0);
-    EXPECT_NEAR(kevrcd_tbl_wfac_beta[k], 32768 * std::pow(0.75, k + 1), 1.0);
-    EXPECT_NEAR(kevrc_tbl_wfac_gamma_1[k], 32768 * std::pow(0.9, k + 1), 1.0);
-    EXPECT_NEAR(kevrc_tbl_wfac_gamma_2[k], 32768 * std::pow(0.5, k + 1), 1.0);
-    EXPECT_NEAR(kevrc_tbl_wfac_gamma_4[k], 32768 * std::pow(0.994, k + 1), 1.0);
-  }
-  for (int k = 0; k < 16; ++k) EXPECT_EQ(kevrc_tbl_fcb_gain_hr[k], kevrc_tbl_fcb_gain_fr[2 * k + 1]);
-  // Interpolation windows: zero-phase rows have the cutoff at the centre and are symmetric.
-  EXPECT_EQ(tbl_ham_win1[4 * 17 + 8], 29491);
-  EXPECT_EQ(tbl_ham_win[4 * 7 + 3], 16384);
-  for (int p = 1; p < 8; ++p)
-    for (int k = 0; k < 17; ++k) EXPECT_EQ(tbl_ham_win1[p * 17 + k], tbl_ham_win1[(8 - p) * 17 + 16 - k]);
-}
-
-struct CodebookShape {
-  const int16_t *table;
-  std::vector<int> dims, entries;
-  std::vector<std::pair<int, std::vector<int>>> fixed;  // codeword index -> values
-};
-
-TEST(Tables, LspCodebooksKeepTheirFixedRowsAndOrdering) {
-  const CodebookShape shapes[] = {
-      {kevrc_tbl_lsp_fr, {2, 2, 3, 3}, {64, 64, 512, 128},
-       {{0, {465, 635}}, {1, {956, 2136}}, {64, {1710, 2747}}, {128, {4470, 5526, 6707}},
-        {640, {9092, 10387, 12960}}, {767, {13466, 14440, 14815}}}},
-      {kevrc_tbl_lsp_hr, {3, 3, 4}, {128, 128, 256},
-       {{0, {443, 597, 1291}}, {1, {752, 1173, 3452}}, {128, {3198, 4053, 5552}},
-        {256, {7763, 8392, 10386, 13354}}, {511, {12307, 13653, 14488, 14835}}}},
-      {kevrc_tbl_lsp_1_8, {5, 5}, {16, 16},
-       {{0, {1379, 2277, 3660, 4775, 6846}}, {1, {1800, 3219, 3607, 5207, 6733}},
-        {16, {8789, 10022, 10194, 12066, 13361}}, {31, {9141, 10572, 11684, 13175, 13884}}}},
-  };
-  for (const CodebookShape &s : shapes) {
-    std::vector<std::vector<int>> rows;
-    int off = 0;
-    for (size_t sp = 0; sp < s.dims.size(); ++sp) {
-      for (int j = 0; j < s.entries[sp]; ++j, off += s.dims[sp]) {
-        std::vector<int> row(s.table + off, s.table + off + s.dims[sp]);
-        for (size_t k = 1; k < row.size(); ++k) ASSERT_GT(row[k], row[k - 1]) << "codeword " << rows.size();
-        for (int v : row) ASSERT_TRUE(v > 0 && v < 16384);
-        rows.push_back(row);
-      }
-    }
-    for (const auto &[index, values] : s.fixed) EXPECT_EQ(rows[index], values) << "codeword " << index;
-  }
-}
-
-TEST(Tables, EnergyGainTableRowsAndRange) {
-  const std::pair<int, std::array<int, 3>> fixed[] = {{0, {121, 127, 99}},    {1, {956, 1292, 1260}},
-                                                      {2, {338, 314, 407}},    {64, {60, 65, 73}},
-                                                      {128, {116, 91, 107}},   {254, {8207, 7067, 579}},
-                                                      {255, {12800, 15108, 14395}}};
-  for (const auto &[row, values] : fixed)
-    for (int k = 0; k < 3; ++k) EXPECT_EQ(kevrc_tbl_energy_gain[3 * row + k], values[k]) << row;
-  for (int i = 0; i < 768; ++i) {
-    EXPECT_GE(kevrc_tbl_energy_gain[i], 55);
-    EXPECT_LE(kevrc_tbl_energy_gain[i], 17997);
-  }
-}
 
 }  // namespace
 }  // namespace kevrc

@@ -45,68 +45,6 @@ int one_split(const int16_t *lsp, int16_t *w, int16_t *sh, int16_t dim, int16_t 
   return index[0];
 }
 
-// Start of codeword j of split s in the layout's codebook.
-const int16_t *codeword(const Layout &l, int s, int j) {
-  const int16_t *p = l.book;
-  for (int i = 0; i < s; ++i) p += l.dims[i] * l.entries[i];
-  return p + j * l.dims[s];
-}
-
-// ---------------------------------------------------------------------------
-// An independent model of the search: 64-bit arithmetic, the saturating
-// shift written as "does the shifted product fit in 32 bits".
-
-int64_t model_term(int16_t w, int16_t diff, int16_t shift) {
-  const int64_t t0 = static_cast<int32_t>(static_cast<uint32_t>(2 * int64_t{w} * diff));
-  if (shift <= 0) return t0 >> 16;
-  if (t0 == 0) return -32768;  // a zero product counts as negative and overflows
-  const int64_t v = t0 * (int64_t{1} << shift);
-  if (v > INT32_MAX || v < INT32_MIN) return t0 < 0 ? -32768 : 32767;
-  return v >> 16;
-}
-
-int64_t model_distance(const int16_t *lsp, const int16_t *w, const int16_t *shift, int first, int n,
-                       const int16_t *cw) {
-  int64_t acc = 0;
-  for (int k = 0; k < n; ++k) {
-    const int p = first + k;
-    const int16_t diff = static_cast<int16_t>(lsp[p] - cw[k]);
-    acc += diff * model_term(w[p], diff, shift[p]);
-  }
-  const int64_t twice = static_cast<int32_t>(static_cast<uint32_t>(2 * acc));
-  return std::min<int64_t>((twice + 32768) >> 16, 32767);
-}
-
-Quantized model_search(const int16_t *lsp, const int16_t *weight, const int16_t *shift,
-                       const Layout &l) {
-  Quantized r;
-  std::memcpy(r.q, weight, sizeof r.q);
-  int first = 0;
-  for (int s = 0; s < l.splits; ++s) {
-    int64_t best = INT64_MAX;
-    for (int j = 0; j < l.entries[s]; ++j) {
-      const int16_t *cw = codeword(l, s, j);
-      int64_t d = model_distance(lsp, r.q, shift, first, l.dims[s], cw);
-      if (s > 0 && cw[0] <= r.q[first - 1] + 261) d = 32767;
-      if (d <= best) {  // later codewords win ties
-        best = d;
-        r.index[s] = static_cast<uint16_t>(j);
-      }
-    }
-    std::memcpy(&r.q[first], codeword(l, s, r.index[s]), l.dims[s] * sizeof(int16_t));
-    first += l.dims[s];
-  }
-  return r;
-}
-
-void random_ascending(testing::Rng &rng, int16_t *lsp) {
-  do {
-    for (int k = 0; k < 10; ++k) lsp[k] = static_cast<int16_t>(60 + rng.below(16240));
-    std::sort(lsp, lsp + 10);
-  } while (std::adjacent_find(lsp, lsp + 10) != lsp + 10);
-}
-
-const Layout *const kLayouts[3] = {&kFull, &kHalf, &kEighth};
 
 // ---------------------------------------------------------------------------
 // Weights
@@ -141,30 +79,6 @@ TEST(LspQuant, WeightsOfHandWorkedSpacings) {
   EXPECT_EQ(w[8], -5213);
   EXPECT_EQ(w[9], -5213);
   EXPECT_EQ(sh[9], 14);
-}
-
-TEST(LspQuant, WeightsFollowOnePlusInverseSpacing) {
-  // weight * 2^shift approximates 32768 + 5215 * 2^29 / (32768 d), that is
-  // 1 + 1/(2 pi d') in Q15 with d' = d / 16384 the spacing as a fraction of
-  // half the sampling rate; the two truncations cost at most 2^(shift+1).
-  // Powers of two wrap the quotient instead: weight = (32768 >> shift) - 5215.
-  // lsp[0] = 0: the first weight must look at lsp[1] - lsp[0] = d only, not
-  // at the distance 0 to 0 Hz.
-  for (int d = 1; d <= 16383; ++d) {
-    int16_t lsp[10];
-    lsp[0] = 0;
-    for (int k = 1; k < 10; ++k) lsp[k] = static_cast<int16_t>(d + k - 1);
-    int16_t w[10], sh[10];
-    kevrce_norm_lsp(lsp, w, sh);
-    ASSERT_GE(d << sh[0], 16384) << d;
-    ASSERT_LT(d << sh[0], 32768) << d;
-    if ((d & (d - 1)) == 0) {
-      ASSERT_EQ(w[0], (32768 >> sh[0]) - 5215) << d;
-      continue;
-    }
-    const double expect = 32768.0 + 5215.0 * 16384.0 / d;
-    ASSERT_NEAR(std::ldexp(w[0], sh[0]), expect, std::ldexp(2.0, sh[0])) << d;
-  }
 }
 
 // ---------------------------------------------------------------------------
@@ -261,47 +175,6 @@ TEST(LspQuant, StatedRowsAreFoundInTheCodecTables) {
   EXPECT_EQ(r.index[0], 1);
   EXPECT_EQ(r.index[1], 15);
   EXPECT_EQ(0, std::memcmp(r.q, er, sizeof er));
-}
-
-TEST(LspQuant, SearchMatchesAnIndependentModel) {
-  // Ascending LSP vectors with kevrce_norm_lsp's weights, at every rate; then
-  // garbage LSPs (all-equal extremes first), with the weights of their
-  // garbage spacings or with weights and shifts that kevrce_norm_lsp never
-  // produces, which drive the saturating shift from both sides. The indices
-  // stay in range, and the quantized vector is exactly the chosen codewords,
-  // as the decoder rebuilds it.
-  testing::Rng rng(testing::test_seed("LspQuant.SearchMatchesAnIndependentModel"));
-  for (int trial = 0; trial < 600; ++trial) {
-    const bool garbage = trial >= 300;
-    int16_t lsp[10], w[10], sh[10];
-    if (!garbage) {
-      random_ascending(rng, lsp);
-      kevrce_norm_lsp(lsp, w, sh);
-    } else {
-      for (int k = 0; k < 10; ++k) {
-        lsp[k] = trial < 303 ? int16_t(trial == 300 ? 0 : trial == 301 ? -32768 : 32767)
-                             : static_cast<int16_t>(rng.next());
-        w[k] = static_cast<int16_t>(rng.next());
-        sh[k] = static_cast<int16_t>(static_cast<int>(rng.below(20)) - 3);
-      }
-      if (trial < 303 || trial % 2) kevrce_norm_lsp(lsp, w, sh);  // weights of garbage spacings
-    }
-    for (const Layout *l : kLayouts) {
-      const Quantized want = model_search(lsp, w, sh, *l);
-      Quantized got;
-      std::memcpy(got.q, w, sizeof w);
-      int16_t shift[10];
-      std::memcpy(shift, sh, sizeof sh);
-      kevrce_lspmaq(lsp, l->splits, l->dims, l->entries, got.q, got.index, l->book, shift);
-      for (int s = 0, p = 0; s < l->splits; p += l->dims[s], ++s) {
-        ASSERT_EQ(got.index[s], want.index[s]) << "splits " << l->splits << " trial " << trial;
-        ASSERT_LT(got.index[s], l->entries[s]);
-        ASSERT_EQ(0, std::memcmp(&got.q[p], codeword(*l, s, got.index[s]),
-                                 l->dims[s] * sizeof(int16_t)));
-      }
-      ASSERT_EQ(0, std::memcmp(got.q, want.q, sizeof got.q)) << trial;
-    }
-  }
 }
 
 }  // namespace

@@ -98,40 +98,6 @@ TEST(NoiseSuppression, BlockNormLeavesTheRequestedHeadroom) {
 
 // ---- Tables ----
 
-TEST(NoiseSuppression, TablesFollowTheirDefinitions) {
-  // Window: sin^2 edges of 24 samples (their overlap sums to 1.0), flat in between.
-  for (int i = 0; i < 24; ++i) {
-    const double s = std::sin(kPi * (i + 0.5) / 48);
-    EXPECT_EQ(kevrce_ns_window[i], std::lround(32767 * s * s)) << i;
-    EXPECT_EQ(kevrce_ns_window[103 - i], kevrce_ns_window[i]) << i;
-  }
-  for (int i = 24; i < 80; ++i) EXPECT_EQ(kevrce_ns_window[i], 32767) << i;
-  // Channels tile bins 2..63; each averages over its bin count by a shift or
-  // a Q15 reciprocal.
-  int next = 2;
-  for (int ch = 0; ch < 16; ++ch) {
-    const int16_t *row = kevrce_ns_channels[ch];
-    EXPECT_EQ(row[0], next) << ch;
-    ASSERT_GE(row[1], row[0]) << ch;
-    next = row[1] + 1;
-    const int count = row[1] - row[0] + 1;
-    if (row[2] == 1) {
-      EXPECT_EQ(1 << row[3], count) << ch;
-    } else {
-      EXPECT_EQ(row[2], 0) << ch;
-      EXPECT_NEAR(row[3], 32768.0 / count, 1.0) << ch;
-    }
-  }
-  EXPECT_EQ(next, 64);
-  // The voice-metric table rises in steps of 0 or 1 from 2 to 50.
-  EXPECT_EQ(kevrce_ns_vm_table[0], 2);
-  EXPECT_EQ(kevrce_ns_vm_table[89], 50);
-  for (int i = 1; i < 90; ++i) {
-    const int step = kevrce_ns_vm_table[i] - kevrce_ns_vm_table[i - 1];
-    EXPECT_TRUE(step == 0 || step == 1) << i;
-  }
-}
-
 // ---- Steps of one call ----
 
 TEST(NoiseSuppression, ChannelEnergyAveragesTheBins) {
@@ -345,30 +311,6 @@ TEST(NoiseSuppression, NoiseFollowsEnergyInTheFirstTwoFrames) {
   }
 }
 
-TEST(NoiseSuppression, TransparentWhenTheNoiseEstimateIsNegligible) {
-  // With every noise estimate held at 16 all channel gains are 32679 (0 dB
-  // rounds to 0.9973) and the suppressor is a plain analysis-synthesis
-  // chain: half the input, 24 samples late.
-  testing::Rng rng(testing::test_seed("NoiseSuppression.Transparent"));
-  std::vector<double> x = gaussian(rng, 80 * 200, 3000);
-  for (size_t n = 0; n < x.size(); ++n) x[n] += 6000 * std::sin(2 * kPi * 440 * n / 8000.0);
-  const auto in = to_pcm(x);
-  Suppressor ns;
-  ns.enc().frame_count = 2;
-  std::vector<int16_t> out = in;
-  for (size_t i = 0; i < out.size(); i += 80) {
-    for (auto &n : ns.st().channel_noise) n = 16;
-    ns.call(&out[i]);
-  }
-  double err = 0, sig = 0;
-  for (size_t n = 800; n < out.size(); ++n) {
-    const double ref = 0.5 * 32679 / 32768 * in[n - 24];
-    err += (out[n] - ref) * (out[n] - ref);
-    sig += ref * ref;
-  }
-  EXPECT_GT(10 * std::log10(sig / err), 30.0);  // measured 40.5 dB
-}
-
 // Amplitude of the f Hz component of x[from, to) (least squares on sin/cos).
 double tone_amplitude(const std::vector<int16_t> &x, size_t from, size_t to, double f) {
   double c = 0, s = 0;
@@ -407,48 +349,6 @@ TEST(NoiseSuppression, AttenuatesNoiseAndPassesToneBursts) {
     const size_t from = start + 24 + 400, to = start + 24 + 2400;
     const double ratio_db = 20 * std::log10(tone_amplitude(out, from, to, 1000) / 4000);
     EXPECT_NEAR(ratio_db, 0.0, 1.0) << start;
-  }
-}
-
-// ---- Unusual input ----
-
-TEST(NoiseSuppression, SurvivesExtremeInputsAndGarbageState) {
-  testing::Rng rng(testing::test_seed("NoiseSuppression.SurvivesExtremeInputs"));
-  auto full_scale_noise = [&rng](size_t) {
-    return static_cast<int16_t>(int(rng.below(65536)) - 32768);
-  };
-  const std::function<int16_t(size_t)> signals[] = {
-      full_scale_noise,
-      [](size_t n) { return int16_t((n / 8) % 2 ? -32768 : 32767); },  // 500 Hz square
-      [](size_t) { return int16_t{32767}; },                           // DC
-      [](size_t n) { return int16_t(n % 2 ? -32768 : 32767); },        // alternating
-      [](size_t n) { return int16_t((n / 400) % 2 ? 0 : (n % 2 ? -32768 : 32767)); },  // bursts
-      [](size_t n) { return int16_t((n / 80) % 3 ? 1 : -32768); },  // tiny then full scale
-  };
-  const size_t len = 80 * 600;
-  for (size_t k = 0; k < std::size(signals); ++k) {
-    Suppressor ns;
-    std::vector<int16_t> x(len);
-    for (size_t n = 0; n < len; ++n) x[n] = signals[k](n);
-    ns.run(x);
-    EXPECT_EQ(ns.st().call_count, int16_t(len / 80)) << k;
-    for (int ch = 0; ch < 16; ++ch) {
-      EXPECT_GE(ns.st().channel_energy[ch], 16) << k;
-      EXPECT_GE(ns.st().channel_noise[ch], 16) << k;
-    }
-  }
-  // Whatever the state holds (say, a corrupted instance), a call stays in
-  // bounds and defined; the state recovers to sane values.
-  for (int trial = 0; trial < 50; ++trial) {
-    Suppressor ns;
-    auto *bytes = reinterpret_cast<uint8_t *>(&ns.st());
-    for (size_t i = 0; i < sizeof(kevrce_ns_state); ++i)
-      bytes[i] = static_cast<uint8_t>(rng.next());
-    ns.enc().frame_count = static_cast<uint32_t>(rng.next());
-    std::vector<int16_t> x(80 * 20);
-    for (size_t n = 0; n < x.size(); ++n) x[n] = full_scale_noise(n);
-    ns.run(x);
-    for (int ch = 0; ch < 16; ++ch) EXPECT_GE(ns.st().channel_energy[ch], 16);
   }
 }
 

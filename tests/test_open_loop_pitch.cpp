@@ -31,17 +31,6 @@ struct Estimator {
   }
 };
 
-// F(T) / sqrt(E0 E1) over i = 0..159-T in double precision.
-double normalised_correlation(const int16_t *x, int t) {
-  double f = 0, e0 = 0, e1 = 0;
-  for (int i = 0; i + t < 160; ++i) {
-    f += static_cast<double>(x[i]) * x[i + t];
-    e0 += static_cast<double>(x[i]) * x[i];
-    e1 += static_cast<double>(x[i + t]) * x[i + t];
-  }
-  return e0 > 0 && e1 > 0 ? f / std::sqrt(e0 * e1) : 0.0;
-}
-
 TEST(OpenLoopPitch, SilenceGivesNoGainAndForgetsTheDelay) {
   Estimator e;
   e.st.prev_delay = 50;
@@ -95,67 +84,6 @@ TEST(OpenLoopPitch, FindsThePeriodOfPulseTrains) {
       EXPECT_GE(checked, 1) << period;
     }
   }
-}
-
-TEST(OpenLoopPitch, TracksAGlidingPeriod) {
-  // Smooth pulses whose spacing grows from 40 to 79 by one sample per 80
-  // samples; each call finds the spacing of one of its pulse pairs (within a
-  // sample, as for any smooth pulse train).
-  std::vector<int16_t> s(80 * 40, 0);
-  std::vector<int> start, spacing;
-  for (int n = 5; n + 9 < static_cast<int>(s.size());) {
-    start.push_back(n);
-    const int period = 40 + n / 80;
-    spacing.push_back(period);
-    for (int k = 0; k < 9; ++k)
-      s[n + k] = static_cast<int16_t>(std::lround(2500 * (1 - std::cos(2 * kPi * (k + 1) / 10))));
-    n += period;
-  }
-  Estimator e;
-  e.stream(s, [&](int c) {
-    if (c < 1) return;
-    // Spacings of the pulse pairs that lie fully inside the stretch.
-    int lo = 1000, hi = 0;
-    for (size_t m = 0; m + 1 < start.size(); ++m) {
-      if (start[m] >= 80 * c && start[m + 1] + 9 <= 80 * c + 160) {
-        lo = std::min(lo, spacing[m]);
-        hi = std::max(hi, spacing[m]);
-      }
-    }
-    EXPECT_GE(e.delay, lo - 1) << "call " << c;
-    EXPECT_LE(e.delay, hi + 1) << "call " << c;
-    EXPECT_EQ(e.st.prev_delay, e.delay) << "call " << c;
-  });
-}
-
-TEST(OpenLoopPitch, GainMatchesDoublePrecision) {
-  // B = F(D) / sqrt(E0 E1) in Q15 at any level: the exponents of the three
-  // block-floating sums must cancel. Random signals (D is then any lag) and
-  // periodic ones with noise, from a few units to full scale.
-  std::mt19937_64 rng(testing::test_seed("GainMatchesDoublePrecision"));
-  std::normal_distribution<double> noise;
-  double worst = 0;
-  for (int trial = 0; trial < 400; ++trial) {
-    const double level = std::pow(10.0, (trial % 9) * 0.5);  // 1 .. 10^4
-    const int period = 20 + trial % 101;
-    std::vector<double> pattern(period);
-    for (double &p : pattern) p = noise(rng);
-    std::vector<int16_t> x(160);
-    const double mix = (trial / 9) % 2 ? 0.3 : 3.0;
-    for (int i = 0; i < 160; ++i) {
-      // Clipped at +-32767: a product of two -32768 wraps to -2^31 (the
-      // library's 2xy product), which no double model reproduces.
-      x[i] = static_cast<int16_t>(std::clamp<double>(
-          std::lround(level * (pattern[i % period] + mix * noise(rng))), -32767, 32767));
-    }
-    Estimator e;
-    e.run(x.data());
-    const double model =
-        std::clamp(normalised_correlation(x.data(), e.delay) * 32768, 0.0, 32767.0);
-    worst = std::max(worst, std::abs(e.gain - model) / (model + 1));
-    ASSERT_NEAR(e.gain, model, 0.002 * model + 2) << "trial " << trial << " delay " << e.delay;
-  }
-  std::printf("largest relative gain difference %.5f\n", worst);
 }
 
 // Pulses of a every 80 samples (at 10, 90, ...) and of ratio * a halfway
@@ -247,46 +175,6 @@ TEST(OpenLoopPitch, DecimatorGainAndRejection) {
   for (int i = 0; i < 160; ++i) alt[i] = i % 2 ? 1000 : -1000;
   for (int c = 0; c < 20; ++c) a.run(alt.data());
   for (int i = 0; i < 40; ++i) EXPECT_LE(std::abs(a.st.decimated[i]), 20) << i;
-}
-
-TEST(OpenLoopPitch, UnusualInputsStayInRange) {
-  std::mt19937_64 rng(testing::test_seed("OpenLoopPitchUnusualInputs"));
-  std::uniform_int_distribution<int> any(-32768, 32767);
-  for (int kind = 0; kind < 6; ++kind) {
-    Estimator e;
-    for (int c = 0; c < 40; ++c) {
-      std::vector<int16_t> x(160);
-      for (int i = 0; i < 160; ++i) {
-        switch (kind) {
-          case 0:
-            x[i] = static_cast<int16_t>(any(rng));
-            break;
-          case 1:
-            x[i] = i % 2 ? int16_t{32767} : int16_t{-32768};
-            break;
-          case 2:
-            x[i] = -32768;
-            break;
-          case 3:
-            x[i] = (i / (3 + c)) % 2 ? int16_t{32767} : int16_t{-32768};
-            break;
-          case 4:
-            x[i] = i % (20 + c) == 0 ? int16_t{-32768} : int16_t{0};
-            break;
-          default:
-            x[i] = static_cast<int16_t>(c % 2 ? any(rng) : 0);
-            break;
-        }
-      }
-      if (c % 7 == 3) e.st.prev_delay = static_cast<int16_t>(any(rng));  // damaged state
-      e.run(x.data());
-      ASSERT_GE(e.delay, 20) << kind;
-      ASSERT_LE(e.delay, 120) << kind;
-      ASSERT_GE(e.gain, 0) << kind;
-      ASSERT_TRUE(e.st.prev_delay == 0 || (e.st.prev_delay >= 20 && e.st.prev_delay <= 120) ||
-                  c % 7 == 3);
-    }
-  }
 }
 
 }  // namespace

@@ -316,36 +316,5 @@ TEST(RateDetection, SnrRatioIsQ23) {
 // ---------------------------------------------------------------------------
 // Robustness
 
-TEST(RateDetection, UnusualAutocorrelationsGiveBoundedRates) {
-  testing::Rng rng(testing::test_seed("RateDetection.UnusualAutocorrelations"));
-  std::vector<int32_t> alt(17);
-  for (int k = 0; k < 17; ++k) alt[k] = k % 2 ? INT32_MIN : INT32_MAX;
-  const std::vector<std::vector<int32_t>> inputs = {
-      kSilence, white(INT32_MAX), white(INT32_MIN), white(-1000000), alt,
-      std::vector<int32_t>(17, -2000000000), std::vector<int32_t>(17, INT32_MAX)};
-  const int16_t analyses[] = {kQuiet, kBusy, kVoicedA, -32768, 32767};
-  for (int32_t max_rate = 1; max_rate <= 4; ++max_rate) {
-    for (int32_t min_rate = 1; min_rate <= max_rate; ++min_rate) {
-      RateDecider d;
-      for (int f = 0; f < 400; ++f) {
-        std::vector<int32_t> r;
-        if (f % 3 == 0) {
-          r = inputs[rng.below(static_cast<uint32_t>(inputs.size()))];
-        } else {
-          r.resize(17);
-          for (auto &v : r) v = static_cast<int32_t>(rng.next());
-        }
-        const int16_t rate = d.frame(r, analyses[rng.below(5)], max_rate, min_rate);
-        ASSERT_TRUE(rate >= min_rate && rate <= max_rate) << rate << " frame " << f;
-        for (int b = 0; b < 2; ++b) {
-          ASSERT_TRUE(d.rd().snr_index[b] >= 0 && d.rd().snr_index[b] <= 7) << "frame " << f;
-          ASSERT_GE(d.rd().noise[b], b == 0 ? 160 : 80);
-          ASSERT_LE(d.rd().noise[b], 80954304);
-        }
-      }
-    }
-  }
-}
-
 }  // namespace
 }  // namespace kevrc

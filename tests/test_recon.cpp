@@ -78,27 +78,5 @@ TEST(Recon, EveryLayoutWritesExactlyItsBuffers) {
   }
 }
 
-TEST(Recon, UnknownFormatsDeliverNothing) {
-  Decoder d;
-  kevrcd_work &w = d.work();
-  uint8_t b0[640];
-  std::memset(b0, 0xEE, sizeof b0);
-  for (const kevrcd_config cfg : {kevrcd_config{1, 0, 3, 0, 0}, kevrcd_config{1, 3, 0, 0, 0},
-                                  kevrcd_config{1, -1, 1, 0, 0}}) {
-    kevrc_pcm_buffer out = {};
-    out.data[0] = b0;
-    EXPECT_EQ(kevrcd_recon(&w, &cfg, &out), KEVRC_ERR_UNSUPPORTED);
-    EXPECT_EQ(out.samples[0], 0u);
-    EXPECT_EQ(b0[0], 0xEE);
-  }
-  kevrc_pcm_buffer out = {};
-  const kevrcd_config bad = {1, 0, 3, 0, 0};
-  kevrcd_recon(&w, &bad, &out);
-  EXPECT_EQ(out.bits_per_sample, 16u);
-  int16_t a[160] = {}, b[160] = {}, dst[320];
-  EXPECT_EQ(kevrcd_recon_interleave_2ch(5, a, b, dst), KEVRC_ERR_UNSUPPORTED);
-  EXPECT_EQ(kevrcd_recon_interleave_2ch(1, a, b, dst), KEVRC_OK);
-}
-
 }  // namespace
 }  // namespace kevrc

@@ -24,48 +24,6 @@ Packet good_eighth() {
 
 const Packet kAllOnes = {1, 0xFF, 0xFF};
 
-TEST(Unpack, FieldsComeOutAsPacked) {
-  testing::Rng rng(testing::test_seed("FieldsComeOutAsPacked"));
-  for (int trial = 0; trial < 50; ++trial) {
-    Decoder d;
-    testing::FullFields f = testing::random_full(rng, 20 + static_cast<int>(rng.below(101)));
-    f.lpc_flag = static_cast<int>(rng.below(2));
-    d.decode(testing::pack(f));
-    const kevrcd_work &w = d.work();
-    EXPECT_EQ(w.lpc_flag, f.lpc_flag);
-    for (int s = 0; s < 4; ++s) EXPECT_EQ(w.lsp_index[s], f.lsp[s]);
-    EXPECT_EQ(w.delay, f.delay);
-    EXPECT_EQ(w.delay_diff, f.delay_diff);
-    for (int s = 0; s < 3; ++s) {
-      EXPECT_EQ(w.acb_gain_index[s], f.acb_gain[s]);
-      EXPECT_EQ(w.fcb_gain_index[s], f.fcb_gain[s]);
-      for (int k = 0; k < 4; ++k) EXPECT_EQ(w.fcb_words[s][k], f.fcb[s][k]);
-    }
-
-    Decoder h;
-    const testing::HalfFields hf = testing::random_half(rng, 20 + static_cast<int>(rng.below(101)));
-    h.decode(testing::pack(hf));
-    const kevrcd_work &hw = h.work();
-    EXPECT_EQ(hw.lpc_flag, 0);
-    for (int s = 0; s < 3; ++s) EXPECT_EQ(hw.lsp_index[s], hf.lsp[s]);
-    EXPECT_EQ(hw.delay, hf.delay);
-    for (int s = 0; s < 3; ++s) {
-      EXPECT_EQ(hw.acb_gain_index[s], hf.acb_gain[s]);
-      EXPECT_EQ(hw.fcb_words[s][0], hf.fcb[s]);
-      EXPECT_EQ(hw.fcb_gain_index[s], hf.fcb_gain[s]);
-    }
-  }
-  Decoder e;
-  testing::EighthFields ef;
-  ef.lsp[0] = 3;
-  ef.lsp[1] = 9;
-  ef.energy = 171;
-  e.decode(testing::pack(ef));
-  EXPECT_EQ(e.work().lsp_index[0], 3);
-  EXPECT_EQ(e.work().lsp_index[1], 9);
-  for (int s = 0; s < 3; ++s) EXPECT_EQ(e.work().fcb_gain_index[s], 171);
-}
-
 TEST(Unpack, BlankPacketsAreErased) {
   Decoder d;
   const auto f = d.decode(testing::blank_packet(4));
