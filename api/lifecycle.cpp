@@ -7,8 +7,8 @@
 #include <atomic>
 #include <cstring>
 
-#include "api/kevrc.h"
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc.h>
+#include <kevrc/kevrc_kernels.h>
 #include "decoder/decoder_state.h"
 #include "encoder/encoder_state.h"
 

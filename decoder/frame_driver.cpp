@@ -12,7 +12,7 @@
 //   are kept, which is the difference from the initial state.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "decoder/decoder_paths.h"
 #include "decoder/output_layout.h"

@@ -1,7 +1,7 @@
 // Which caller buffers a decoder configuration writes to.
 #pragma once
 
-#include "api/kevrc.h"
+#include <kevrc/kevrc.h>
 
 namespace kevrc {
 

@@ -11,7 +11,7 @@
 //   of bytes (format 1) or of 16-bit samples (0, 2); -3 otherwise.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "decoder/decoder_state.h"
 #include "decoder/output_layout.h"
 

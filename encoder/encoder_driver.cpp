@@ -9,7 +9,7 @@
 // init_encoder(enc, work): the starting values of a freshly zeroed instance.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 #include "encoder/rcelp.h"

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "tests/test_util.h"
 #include "tools/support/energy_vq.h"
 #include "tools/support/lbg.h"

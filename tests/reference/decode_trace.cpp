@@ -8,7 +8,7 @@
 #include <cstring>
 #include <set>
 
-#include "api/kevrc.h"
+#include <kevrc/kevrc.h>
 #include "tools/support/packet_gen.h"
 
 int main(int argc, char **argv) {

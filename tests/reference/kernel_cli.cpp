@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "api/kevrc.h"
+#include <kevrc/kevrc.h>
 
 #ifdef __cplusplus
 extern "C" {
