@@ -16,6 +16,9 @@ cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEVRC_WERROR=ON
 cmake --build build
 ctest --test-dir build --output-on-failure -j "$jobs"
 
+echo "== consumer builds"
+sh scripts/check-consumers.sh build
+
 echo "== sanitizer build (address, undefined; no recovery)"
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEVRC_SANITIZE=ON -DKEVRC_WERROR=ON
 cmake --build build-asan
