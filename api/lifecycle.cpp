@@ -7,15 +7,20 @@
 #include <atomic>
 #include <cstring>
 
-#include "api/kevrc.h"
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc.h>
+#include <kevrc/kevrc_kernels.h>
 #include "decoder/decoder_state.h"
 #include "encoder/encoder_state.h"
 
+// The library-wide start-up flag: 0 at load, 1 after the first kevrc_init().
+// Exported under its own name; the library reads and writes it atomically.
+extern "C" {
+alignas(std::atomic_ref<int32_t>::required_alignment) int32_t kevrc_inited = 0;
+}
+
 namespace {
 
-// The library-wide start-up flag: 0 at load, 1 after the first kevrc_init().
-std::atomic<int32_t> g_inited{0};
+std::atomic_ref<int32_t> inited_flag() { return std::atomic_ref<int32_t>(kevrc_inited); }
 
 constexpr size_t kDecoderWorkBytes = 1044 * sizeof(int16_t);
 static_assert(sizeof(kevrcd_work) <= kDecoderWorkBytes, "decoder work block outgrew its size");
@@ -86,10 +91,22 @@ int32_t encoder_process(void *instance, const void *in, void *out, void *result)
 
 int32_t encoder_init(void *) { return KEVRC_OK; }
 
-// Rate bounds: each 1..4, max not below min (signed comparisons).
+// Rate bounds: each 1..4, max not below min (signed comparisons), and at
+// least one coded rate (1, 3, 4) between them: 2..2 holds none.
 bool rate_bounds_valid(const kevrce_config &c) {
   return c.max_rate >= 1 && c.max_rate <= 4 && c.min_rate >= 1 && c.min_rate <= 4 &&
-         c.max_rate >= c.min_rate;
+         c.max_rate >= c.min_rate && !(c.max_rate == 2 && c.min_rate == 2);
+}
+
+// The arguments a creation record may hold: valid rate bounds and a noise
+// suppression switch of 0 or 1.
+bool encoder_arguments_valid(const kevrce_config &c) {
+  return rate_bounds_valid(c) && (c.noise_suppression == 0 || c.noise_suppression == 1);
+}
+
+// An output layout the formatter knows: sample_format 0..2, channel_mode 0..2.
+bool decoder_layout_known(const kevrcd_config &c) {
+  return c.sample_format >= 0 && c.sample_format <= 2 && c.channel_mode >= 0 && c.channel_mode <= 2;
 }
 
 void encoder_destroy(kevrce_instance *enc) {
@@ -113,19 +130,19 @@ int32_t kevrc_platform_init(int32_t *code) {
 void kevrc_platform_deinit(void) {}
 
 int32_t kevrc_init(void) {
-  if (g_inited.load(std::memory_order_relaxed) != 0) return KEVRC_OK;
+  if (inited_flag().load(std::memory_order_relaxed) != 0) return KEVRC_OK;
   int32_t code = 0;
   if (kevrc_platform_init(&code) != 0) return code;
-  g_inited.store(1, std::memory_order_relaxed);
+  inited_flag().store(1, std::memory_order_relaxed);
   return KEVRC_OK;
 }
 
 void kevrc_deinit(void) {
   // The flag stays set: a later kevrc_init() does not run the platform hook again.
-  if (g_inited.load(std::memory_order_relaxed) != 0) kevrc_platform_deinit();
+  if (inited_flag().load(std::memory_order_relaxed) != 0) kevrc_platform_deinit();
 }
 
-int32_t kevrc_inited_flag(void) { return g_inited.load(std::memory_order_relaxed); }
+int32_t kevrc_inited_flag(void) { return inited_flag().load(std::memory_order_relaxed); }
 
 kevrcd_instance *kevrcd_create(const kevrcd_config *config, int32_t *err) {
   if (config == nullptr) {
@@ -141,7 +158,7 @@ kevrcd_instance *kevrcd_create(const kevrcd_config *config, int32_t *err) {
   auto *dec = static_cast<kevrcd_instance *>(block);
   dec->config = *config;
   int32_t status = KEVRC_OK;
-  if (config->reserved != 0) status = KEVRC_ERR_UNSUPPORTED;
+  if (config->reserved != 0 || !decoder_layout_known(*config)) status = KEVRC_ERR_UNSUPPORTED;
   if (status == KEVRC_OK) {
     dec->ops = {decoder_alloc_work, decoder_free_work, decoder_process, decoder_init, decoder_reset};
     dec->spare_word = 0;
@@ -169,6 +186,16 @@ int32_t kevrcd_decode(kevrcd_instance *handle, const kevrc_bitstream_buffer *in,
   return handle->ops.process(handle, in, out, result);
 }
 
+int32_t kevrcd_conceal(kevrcd_instance *handle, kevrc_pcm_buffer *out, kevrcd_result *result) {
+  // The unpacker marks a blank full-rate packet as an erasure; concealing goes
+  // through that same path, so the two can never differ.
+  uint8_t blank[KEVRC_MAX_PACKET_BYTES] = {KEVRC_RATE_FULL};
+  const kevrc_bitstream_buffer in = {blank, 0, KEVRC_MAX_PACKET_BYTES};
+  const int32_t status = kevrcd_decode(handle, &in, out, result);
+  if (status == KEVRC_OK) result->consumed = 0;
+  return status;
+}
+
 kevrce_instance *kevrce_create(const kevrce_config *config, int32_t *err) {
   if (config == nullptr) {
     report(err, KEVRC_ERR_ARG);
@@ -181,7 +208,7 @@ kevrce_instance *kevrce_create(const kevrce_config *config, int32_t *err) {
   }
   std::memset(block, 0, sizeof(kevrce_instance));
   auto *enc = static_cast<kevrce_instance *>(block);
-  int32_t status = rate_bounds_valid(*config) ? KEVRC_OK : KEVRC_ERR_ARG;
+  int32_t status = encoder_arguments_valid(*config) ? KEVRC_OK : KEVRC_ERR_ARG;
   enc->config = *config;
   if (status == KEVRC_OK && config->reserved != 0) status = KEVRC_ERR_UNSUPPORTED;
   if (status == KEVRC_OK) {

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "api/kevrc.h"
+#include <kevrc/kevrc.h>
 #include "tools/support/packet_gen.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "api/kevrc.h"
+#include <kevrc/kevrc.h>
 
 namespace {
 

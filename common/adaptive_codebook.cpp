@@ -14,7 +14,7 @@
 // kevrcd_acb_excitation(out, gain, contour, history, L): the decoder's form,
 //   built at history + 128 (after the 128-sample memory) and its first L
 //   samples scaled by gain (Q14); the 10 extra samples stay unscaled.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
 using namespace kevrc;

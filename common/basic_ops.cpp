@@ -1,6 +1,6 @@
 // Exported C entry points of the arithmetic primitives (fixed_point.h holds
 // the definitions, so that the kernels can inline them).
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
 extern "C" {

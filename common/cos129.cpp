@@ -7,7 +7,7 @@
 // would pass 128 (|x| >= 16512, only reachable from damaged LSP vectors) are
 // reflected about half the sampling rate first, so no input reads past the
 // tables.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
 using namespace kevrc;

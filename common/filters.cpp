@@ -9,7 +9,7 @@
 // owned by the caller and updated. n <= 0 does nothing.
 #include <algorithm>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
 using namespace kevrc;

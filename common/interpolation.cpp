@@ -11,7 +11,7 @@
 // kevrc_mcpy_acbsize(src, dst): copies 128 samples (overlapping ranges allowed).
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
 using namespace kevrc;

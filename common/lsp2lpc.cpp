@@ -8,7 +8,7 @@
 // and Q = (1 - z^-1) prod(1 - 2 cos(w_2j+1) z^-1 + z^-2), evaluated by driving
 // two cascades of five second-order sections with the impulse of the first
 // factor (Q25: 0x2000000 is 1.0).
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
 using namespace kevrc;

@@ -2,4 +2,4 @@
 // definition file states where its values come from.
 #pragma once
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>

@@ -9,7 +9,7 @@
 // first good frame after the erasure can rebuild it.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "decoder/decoder_paths.h"
 

@@ -1,7 +1,7 @@
 // Internal interfaces between the decoder's frame driver and its paths.
 #pragma once
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "decoder/decoder_state.h"
 
 namespace kevrc {

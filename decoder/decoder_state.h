@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/rate_params.h"
 
 namespace kevrc {

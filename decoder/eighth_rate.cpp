@@ -15,7 +15,7 @@
 //   pair_flag (16-bit) and stored (32-bit) are updated.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "decoder/decoder_paths.h"
 

@@ -10,7 +10,7 @@
 //   (mod 5). A pair index above 120 in word 4 ends the decoding.
 // kvrcd_fcb_hr(word, vector, length): half rate, three pulses at 7i+4 (sign
 //   s), 7j+2 (opposite sign) and 7k (sign s): i, j, k = bits 0-2, 3-5, 6-8, s = bit 9.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 
 namespace {
 

@@ -5,14 +5,16 @@
 //   than 1, 3, 4 and -9 for a packet shorter than its rate (state untouched,
 //   result not written); -1 for out-of-order LSPs and -2 for a delay
 //   difference out of range (result filled); -2 for a delay above 120 (result
-//   not written); -4 for null pointers or a negative size (nothing touched).
+//   not written); -4 for null pointers, a negative size or output size fields
+//   (samples, bytes) that are set but smaller than the layout needs (nothing
+//   touched).
 // kevrcd_init_state(dec): the state a new decoder starts from.
 // kevrcd_reset(dec): clears the speech history (LSPs, filter memories,
 //   excitation, postfilter) and the rate memories; flags, gains and the delay
 //   are kept, which is the difference from the initial state.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "decoder/decoder_paths.h"
 #include "decoder/output_layout.h"
@@ -50,7 +52,7 @@ extern "C" int32_t kevrcd_dec(kevrcd_instance *dec, const kevrc_bitstream_buffer
                               kevrc_pcm_buffer *out, kevrcd_result *result) {
   if (dec == nullptr || dec->work == nullptr || in == nullptr || out == nullptr ||
       result == nullptr || in->data == nullptr || in->size < 0 ||
-      !output_buffers_present(&dec->config, out))
+      !output_buffers_fit(&dec->config, out))
     return KEVRC_ERR_ARG;
   kevrcd_work *w = dec->work;
   kevrcd_state &st = dec->st;

@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "decoder/decoder_paths.h"
 

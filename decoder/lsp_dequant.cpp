@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "decoder/decoder_state.h"
 
 namespace {

@@ -18,7 +18,7 @@
 // kevrcd_apf_loop(mem, in, mu, n, out): out[i] = in[i] - mu*in[i-1] (mu Q15).
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "decoder/decoder_state.h"
 

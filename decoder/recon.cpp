@@ -11,7 +11,7 @@
 //   of bytes (format 1) or of 16-bit samples (0, 2); -3 otherwise.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "decoder/decoder_state.h"
 #include "decoder/output_layout.h"
 
@@ -62,7 +62,7 @@ extern "C" int32_t kevrcd_recon(kevrcd_work *work, const kevrcd_config *config, 
   }
   const int32_t mode = config->channel_mode;
   if (mode < 0 || mode > 2) return KEVRC_ERR_UNSUPPORTED;
-  if (!output_buffers_present(config, out)) return KEVRC_ERR_ARG;  // defensive: checked by the driver
+  if (!output_buffers_fit(config, out)) return KEVRC_ERR_ARG;  // defensive: checked by the driver
   if (mode == 2) std::memcpy(work->channel2, work->out_bytes, frame_bytes);
   if (config->interleaved != 0) {
     if (mode == 2) {

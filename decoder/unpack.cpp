@@ -14,7 +14,7 @@
 //   half (80 bits): LSP 7, 7, 8; delay-20 7; 3 x (ACB gain 3, FCB 10, FCB gain 4).
 //   full (170 bits): LPC flag 1; LSP 6, 6, 9, 7; delay-20 7; delay difference 5;
 //                    3 x (ACB gain 3, FCB 8, 8, 8, 11, FCB gain 5).
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "decoder/decoder_state.h"
 
 namespace {

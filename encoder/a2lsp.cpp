@@ -35,7 +35,7 @@
 // sampling rate, or below 0 when C(1) < 0; such roots are clamped to 0..16384.
 #include <algorithm>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 

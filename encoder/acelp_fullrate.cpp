@@ -22,7 +22,7 @@
 //   index     out      words 0..2: two-pulse words of tracks k, k+1, k+2;
 //                      word 3: single-pulse word (bits 9-10 = k); word 4:
 //                      not coded (holds track 4's intermediate value).
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 

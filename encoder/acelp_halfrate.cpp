@@ -19,7 +19,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 

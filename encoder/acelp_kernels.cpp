@@ -43,7 +43,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 

@@ -26,7 +26,7 @@
 //                        0 when 1 + x.y <= 0.
 //   index       out      the codebook words: index[0..4] at full rate,
 //                        index[0] at half rate.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 

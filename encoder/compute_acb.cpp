@@ -16,7 +16,7 @@
 //   B                          open-loop gain, Q15. L: 53 or 54.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "encoder/encoder_state.h"
 
 extern "C" void kevrce_compute_acb(kevrce_instance *enc, int16_t *m, const int32_t *contour,

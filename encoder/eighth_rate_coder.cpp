@@ -16,7 +16,7 @@
 //   generator's seed first. subframe is 0..2; other values only measure.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 

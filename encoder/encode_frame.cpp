@@ -20,7 +20,7 @@
 // LSP memories.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 #include "encoder/lpc_weighting.h"

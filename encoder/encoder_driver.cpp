@@ -1,15 +1,18 @@
 // The encoder's per-frame operation and its starting state.
 //
 // kevrce_enc(enc, in, out, result): in->data[0] (in/out) holds 160 16-bit
-//   samples, replaced by the conditioned speech that is coded; out->data
-//   receives the payload (at least 24 writable bytes; no rate byte); result
-//   gets the rate code and the payload size (2, 10 or 22). Returns 0, or
-//   KEVRC_ERR_ARG for a null record or buffer or a noise-suppression switch
-//   other than 0 or 1 (the latter after the high-pass filter has run).
+//   samples, at any alignment, replaced by the conditioned speech that is
+//   coded; out->data receives the payload (at least 24 writable bytes; no
+//   rate byte); result gets the rate code and the payload size (2, 10 or 22).
+//   Returns 0, or KEVRC_ERR_ARG, before anything runs, for a null record or
+//   buffer, size fields that are set but too small (in->samples[0] < 160,
+//   in->bytes[0] < 320, out->size < 24), a negative out->size, or a
+//   noise-suppression switch other than 0 or 1 (which creation refuses).
 // init_encoder(enc, work): the starting values of a freshly zeroed instance.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
+#include "api/buffer_room.h"
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 #include "encoder/rcelp.h"
@@ -34,15 +37,18 @@ int32_t payload_bytes(int16_t rate) {
   return 10;
 }
 
-bool records_present(const kevrc_pcm_buffer *in, const kevrc_bitstream_buffer *out,
-                     const kevrce_result *result) {
+// Every record and buffer is there, with the room its size fields state.
+bool records_usable(const kevrc_pcm_buffer *in, const kevrc_bitstream_buffer *out,
+                    const kevrce_result *result) {
   return in != nullptr && out != nullptr && result != nullptr && in->data[0] != nullptr &&
-         out->data != nullptr;
+         out->data != nullptr && room_suffices(in->samples[0], kEncFrameLen) &&
+         room_suffices(in->bytes[0], kEncFrameLen * sizeof(int16_t)) && out->size >= 0 &&
+         room_suffices(out->size, KEVRC_ENCODER_BUFFER_BYTES);
 }
 
 // Quarter rate (2) is never produced: a bound of 2 acts as the nearest coded
-// rate on the side it protects, max_rate 2 as 1 and min_rate 2 as 3 (with
-// both at 2 the lower bound wins, since the rate is raised after capping).
+// rate inside the bounds, max_rate 2 as 1 and min_rate 2 as 3 (creation
+// refuses 2..2, which holds no coded rate).
 int32_t coded_bound(int32_t bound, int32_t quarter_as) { return bound == 2 ? quarter_as : bound; }
 
 }  // namespace
@@ -51,23 +57,22 @@ int32_t coded_bound(int32_t bound, int32_t quarter_as) { return bound == 2 ? qua
 extern "C" int32_t kevrce_enc(kevrce_instance *enc, const kevrc_pcm_buffer *in,
                               kevrc_bitstream_buffer *out, kevrce_result *result) {
   using namespace kevrc;
-  if (enc == nullptr || enc->work == nullptr || !records_present(in, out, result)) return KEVRC_ERR_ARG;
+  if (enc == nullptr || enc->work == nullptr || !records_usable(in, out, result) ||
+      (enc->config.noise_suppression != 0 && enc->config.noise_suppression != 1))
+    return KEVRC_ERR_ARG;
   kevrce_work *w = enc->work;
-  auto *samples = static_cast<int16_t *>(in->data[0]);
+  // The caller's samples may sit at any address: they are copied bytewise.
+  int16_t *samples = w->hpf_in;
+  std::memcpy(samples, in->data[0], sizeof w->hpf_in);
+  kevrce_hpf(enc, samples);
 
-  std::memcpy(w->hpf_in, samples, sizeof w->hpf_in);
-  kevrce_hpf(enc, w->hpf_in);
-  std::memcpy(samples, w->hpf_in, sizeof w->hpf_in);
-
-  const int32_t ns_switch = enc->config.noise_suppression;
-  if (ns_switch == 1) {
+  if (enc->config.noise_suppression == 1) {
     kevrce_noise_suprs(enc, samples);
     kevrce_noise_suprs(enc, samples + kEncFrameLen / 2);
-  } else if (ns_switch == 0) {
-    halve(samples);
   } else {
-    return KEVRC_ERR_ARG;
+    halve(samples);
   }
+  std::memcpy(in->data[0], samples, sizeof w->hpf_in);
 
   const int16_t analysis = kevrce_pre_encode(enc, samples);
   const int16_t rate = kevrce_rate_detection(enc, w->r, coded_bound(enc->config.max_rate, 1),

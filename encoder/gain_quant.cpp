@@ -32,7 +32,7 @@
 //                      entry, plus the scaled fixed-codebook vector on exit.
 //   n          in      subframe length; n <= 0 leaves e alone.
 //   Returns the fixed-codebook gain index 0..fcb_gain_count-1.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 

@@ -5,7 +5,7 @@
 // with enc->noise_pair_flag set and returned by the next call without
 // touching the seed. A draw outside the unit circle (or on it, or at the
 // origin) returns a sum of three uniforms instead.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 

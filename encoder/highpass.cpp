@@ -7,7 +7,7 @@
 // 32-bit output y is handed on as the 16-bit sample (16*y + 0x8000) >> 16,
 // saturated; its feedback uses a split 32 x 16 product of y and the Q14
 // coefficient; all other sums wrap.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 

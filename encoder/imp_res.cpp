@@ -10,7 +10,7 @@
 // whatever the coefficients; rounding is half up. Wherever the 32-bit
 // accumulator of kevrc_iir does not wrap the result equals kevrc_iir driven by
 // an impulse of 2048 from a cleared memory.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
 using namespace kevrc;

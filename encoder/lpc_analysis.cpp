@@ -15,7 +15,7 @@
 //   negative for very loud frames, 32 for a frame with a single unit of energy.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "common/tables.h"
 #include "encoder/encoder_state.h"

@@ -25,7 +25,7 @@
 //   shift          in      the exponents of kevrce_norm_lsp.
 // Ties go to the later codeword; a codeword whose first value is not more
 // than 261 above the previous split's last quantized LSP scores 32767.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
 namespace kevrc {

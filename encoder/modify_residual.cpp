@@ -50,7 +50,7 @@
 //    shift clear it.
 #include <algorithm>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 #include "encoder/rcelp.h"

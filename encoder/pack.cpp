@@ -6,7 +6,7 @@
 // 10 zero bits, the last 4 of which land beyond the 22-byte payload.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "encoder/encoder_state.h"
 
 namespace kevrc {

@@ -19,7 +19,7 @@
 //   distances stay within 0.02 dB; segments that do not correlate are still
 //   refused by the acceptance test. Returns 0 for a zero average and for
 //   n < 5.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
 namespace kevrc {

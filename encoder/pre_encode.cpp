@@ -28,7 +28,7 @@
 
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "common/tables.h"
 #include "encoder/encoder_state.h"

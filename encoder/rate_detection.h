@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 
 namespace kevrc {
 

@@ -13,7 +13,7 @@
 // wrapping too), and the output is (8 * t + 0x8000) >> 16 with 8 * t wrapping.
 // The clamped taps and the wrapping last tap both differ from kevrc_fir,
 // which wraps throughout; each form is the one its callers rely on.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
 using namespace kevrc;

@@ -1,5 +1,5 @@
 // Constant data of the full-rate algebraic codebook search.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 
 extern "C" {
 

@@ -17,7 +17,7 @@
 //                 first, as left after the last sample.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/lpc_weighting.h"
 

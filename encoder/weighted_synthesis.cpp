@@ -22,7 +22,7 @@
 //   out     out     n samples of the chain's output.
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/lpc_weighting.h"
 #include "encoder/encoder_state.h"

@@ -21,7 +21,7 @@
 //   spare bits; returns e (e = -headroom for an all-zero buffer).
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 #include "noise_suppression/ns_internal.h"

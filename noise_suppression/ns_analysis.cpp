@@ -14,7 +14,7 @@
 // db_units(x) / energy_db(x): ~ 32 x 10 log10(x / 256), 16-bit.
 // long_term_weights(total, a, b): Q15 weights of old and new dB values.
 // long_term_update(old, db, a, b): one smoothing step, 16-bit.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "noise_suppression/ns_internal.h"
 

@@ -12,7 +12,7 @@
 //   channel's SNR index, raised to 6 when below 7. Returns the linear gain,
 //   Q15, about 10^((floor + 0.454 dB x (index - 6)) / 20), at most 0 dB.
 // update_noise(noise, energy): 0.9 noise + 0.1 energy, at least 16.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "noise_suppression/ns_internal.h"
 

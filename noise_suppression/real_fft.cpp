@@ -24,7 +24,7 @@
 // No scratch memory: everything happens in the caller's buffer.
 #include <utility>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
 using namespace kevrc;

@@ -16,7 +16,7 @@
 // kevrce_tbl_phs: 64 twiddle pairs (cos(2 pi k / 128), -sin(2 pi k / 128)),
 //   k = 0..63, each floor(32768 * value + 0.5) computed in double precision,
 //   with cos 0 stored as 32767.
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 
 extern "C" const int16_t kevrce_ns_window[104] = {
     35, 315, 869, 1690, 2761, 4066, 5581, 7281, 9137, 11117, 13187, 15312,

@@ -5,7 +5,7 @@
 // example to account for or to fail allocations.
 #include <cstdlib>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 
 extern "C" __attribute__((weak)) void *kcmn_malloc_align32(size_t size) {
   const size_t rounded = (size + 31) & ~size_t{31};

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 
 extern "C" void kevrce_bsw_init(kevrce_bsw *writer, uint8_t *buffer, int32_t words) {
   writer->pos = buffer;

@@ -5,7 +5,7 @@
 // never outside [start, end): past the end of its input it delivers zero
 // bits. It is a plain value: a copy reads on independently (the packet
 // classifier peeks ahead that way).
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 
 extern "C" void kcmn_bsr_init(kcmn_bsr *reader, const uint8_t *data, int32_t size,
                               void (*refill)(kcmn_bsr *reader)) {

@@ -1,14 +1,14 @@
 #!/bin/sh
 # Installs the Debian packages the build, the tools and the tests need.
 #   install-deps.sh [--test] [--corpus]
-#     --test    adds clang for the fuzzer
+#     --test    adds clang for the fuzzer and groff for the manual page test
 #     --corpus  adds the speech recordings the training and measurement
 #               tools read (asterisk-core-sounds-{en,es,fr,it}-wav)
 set -eu
 packages="build-essential cmake ninja-build pkg-config libsndfile1-dev libsoxr-dev libgtest-dev python3"
 for arg in "$@"; do
   case "$arg" in
-    --test) packages="$packages clang libclang-rt-14-dev" ;;
+    --test) packages="$packages clang libclang-rt-14-dev groff-base" ;;
     --corpus) packages="$packages asterisk-core-sounds-en-wav asterisk-core-sounds-es-wav asterisk-core-sounds-fr-wav asterisk-core-sounds-it-wav" ;;
     *) echo "install-deps: unknown option $arg" >&2; exit 2 ;;
   esac

@@ -12,19 +12,23 @@ sh scripts/install-deps.sh --test --corpus
 jobs=$(nproc 2>/dev/null || echo 2)
 
 echo "== optimised build"
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEVRC_WERROR=ON
 cmake --build build
 ctest --test-dir build --output-on-failure -j "$jobs"
 
+echo "== consumer builds"
+sh scripts/check-consumers.sh build
+
 echo "== sanitizer build (address, undefined; no recovery)"
-cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEVRC_SANITIZE=ON
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEVRC_SANITIZE=ON -DKEVRC_WERROR=ON
 cmake --build build-asan
 ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
 if [ "$fuzz_seconds" -gt 0 ] && command -v clang++ >/dev/null 2>&1; then
   echo "== decoder fuzzer, ${fuzz_seconds} s"
   CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DKEVRC_SANITIZE=ON -DKEVRC_BUILD_FUZZERS=ON -DKEVRC_BUILD_TESTS=OFF -DKEVRC_BUILD_TOOLS=OFF
+    -DKEVRC_SANITIZE=ON -DKEVRC_BUILD_FUZZERS=ON -DKEVRC_BUILD_TESTS=OFF -DKEVRC_BUILD_TOOLS=OFF \
+    -DKEVRC_BUILD_EXAMPLES=OFF -DKEVRC_WERROR=ON
   cmake --build build-fuzz
   seeds=build-fuzz/seeds
   mkdir -p "$seeds" build-fuzz/corpus
@@ -47,17 +51,13 @@ if [ "$fuzz_seconds" -gt 0 ] && command -v clang++ >/dev/null 2>&1; then
   echo "== encoder fuzzer, ${fuzz_seconds} s"
   eseeds=build-fuzz/enc_seeds
   mkdir -p "$eseeds" build-fuzz/enc_corpus
-  python3 - "$eseeds" <<'PY'
-import math, struct, sys
-# creation selector byte, then 20 frames: a tone sweep with noise bursts, and silence
-for i, sel in enumerate([0x09, 0x0C, 0x4C, 0x49, 0x1B, 0x24, 0x89]):
-    pcm = []
-    for n in range(20 * 160):
-        v = 9000 * math.sin(0.0005 * n * n / 160) if (n // 800) % 2 == 0 else ((n * 7919) % 2001 - 1000) * (i + 1)
-        pcm.append(max(-32768, min(32767, int(v))))
-    with open(f"{sys.argv[1]}/seed{i}", "wb") as f:
-        f.write(bytes([sel]) + struct.pack(f"<{len(pcm)}h", *pcm))
-PY
+  # One seed per valid creation record (selector k): 10 frames of noise, then
+  # 10 of silence.
+  k=0
+  while [ "$k" -lt 18 ]; do
+    { printf "\\$(printf %03o "$k")"; head -c 3200 /dev/urandom; head -c 3200 /dev/zero; } >"$eseeds/seed$k"
+    k=$((k + 1))
+  done
   log=build-fuzz/fuzz_encoder.log
   if ! build-fuzz/fuzz/fuzz_encoder -max_total_time="$fuzz_seconds" -max_len=16100 -print_final_stats=1 \
       -artifact_prefix=build-fuzz/enc_ build-fuzz/enc_corpus "$eseeds" >"$log" 2>&1; then

@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "api/kevrc.h"
+#include <kevrc/kevrc.h>
 
 int main(void) {
   static const kevrcd_config configs[] = {

@@ -4,8 +4,8 @@
 
 #include <cstdlib>
 
-#include "api/kevrc.h"
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc.h>
+#include <kevrc/kevrc_kernels.h>
 
 namespace {
 int g_fail_at = -1;  // index of the allocation that fails; -1: none

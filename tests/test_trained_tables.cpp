@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 
 namespace {
 

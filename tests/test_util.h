@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "api/kevrc.h"
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc.h>
+#include <kevrc/kevrc_kernels.h>
 #include "decoder/decoder_state.h"
 #include "encoder/encoder_state.h"
 #include "tools/support/packet_gen.h"

@@ -28,7 +28,7 @@
 #include <string>
 #include <vector>
 
-#include "api/kevrc.h"
+#include <kevrc/kevrc.h>
 #include "tools/support/audio_io.h"
 
 namespace {

@@ -26,7 +26,7 @@
 #include <string>
 #include <vector>
 
-#include "api/kevrc.h"
+#include <kevrc/kevrc.h>
 #include "encoder/encoder_state.h"
 #include "tools/support/audio_io.h"
 #include "tools/support/corpus.h"

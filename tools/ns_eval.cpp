@@ -29,7 +29,7 @@
 #include <string>
 #include <vector>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 #include "encoder/encoder_state.h"
 #include "tools/support/corpus.h"
 

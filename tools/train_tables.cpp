@@ -31,8 +31,8 @@
 #include <string>
 #include <vector>
 
-#include "api/kevrc.h"
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc.h>
+#include <kevrc/kevrc_kernels.h>
 #include "encoder/encoder_state.h"
 #include "tools/support/corpus.h"
 #include "tools/support/energy_vq.h"

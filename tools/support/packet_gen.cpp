@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "api/kevrc_kernels.h"
+#include <kevrc/kevrc_kernels.h>
 
 namespace kevrc::testing {
 

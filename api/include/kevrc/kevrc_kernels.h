@@ -1,10 +1,13 @@
 /*
- * kevrc internal kernels, exported with C linkage under their own names.
+ * kevrc internal kernels, with C linkage under their own names.
  *
  * Applications need only kevrc.h. This header declares the building blocks
  * behind it (arithmetic primitives, filters, the adaptive codebook, the
  * decoder's stages and the runtime services) for tests, tools and hosts that
- * want to reuse them. Array arguments document their length and Q format;
+ * want to reuse them. The shared library exports the names with the prefixes
+ * kevrc_, kevrcd_, kevrce_, kcmn_ and kvrcd_ (the list api/kevrc.symbols);
+ * the others (set_decode_params, decode_rate_1_8, kecrcd_apf, init_encoder,
+ * peak2average, tbl_ham_win, tbl_ham_win1) are in the static library only. Array arguments document their length and Q format;
  * kernels trust their callers on lengths, exactly like memcpy.
  */
 #ifndef KEVRC_KERNELS_H
@@ -13,7 +16,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "api/kevrc.h"
+#include <kevrc/kevrc.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -70,7 +73,9 @@ typedef struct kevrc_ops {
 
 int32_t kevrc_platform_init(int32_t *code);
 void kevrc_platform_deinit(void);
-/* The start-up flag set by kevrc_init(). */
+/* The start-up flag: 0 at load, 1 once kevrc_init() succeeded. Read it through
+ * kevrc_inited_flag(); the library alone writes it. */
+extern int32_t kevrc_inited;
 int32_t kevrc_inited_flag(void);
 
 typedef struct kevrcd_work kevrcd_work;
