@@ -2,36 +2,93 @@
 # The whole test suite: installs what is missing, builds twice (optimised, and
 # with AddressSanitizer + UndefinedBehaviorSanitizer) and runs every test in
 # both builds (the end-to-end tests read held-out speech from the corpus
-# packages it installs); then builds the decoder and encoder fuzzers with
-# clang and runs each briefly.
-#   test.sh [FUZZ_SECONDS]   (seconds per fuzzer, default 60; 0 skips them)
+# packages it installs); then builds the fuzzers with clang and runs each
+# briefly. Prints each stage's duration and a summary at the end.
+#   test.sh [FUZZ_SECONDS]   (seconds per fuzzer, default 45; 0 skips them)
 set -eu
 cd "$(dirname "$0")/.."
-fuzz_seconds=${1:-60}
-sh scripts/install-deps.sh --test --corpus
+fuzz_seconds=${1:-45}
 jobs=$(nproc 2>/dev/null || echo 2)
+summary=""
+stage_start=0
 
-echo "== optimised build"
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEVRC_WERROR=ON
+# begin NAME / end: frame a stage and record its duration.
+begin() {
+  stage_name=$1
+  stage_start=$(date +%s)
+  echo "== $stage_name"
+}
+end() {
+  took=$(( $(date +%s) - stage_start ))
+  echo "== $stage_name: ${took} s"
+  summary="$summary$(printf '  %-34s %4d s' "$stage_name" "$took")
+"
+}
+
+# fuzz SECONDS NAME MAX_LEN SEED_DIR [NAME MAX_LEN SEED_DIR ...]: runs the
+# libFuzzer targets from their seeds, two at a time (one per core); stops at
+# the first target that finds a failure.
+fuzz() {
+  seconds=$1
+  shift
+  while [ $# -ge 3 ]; do
+    pids=""
+    for slot in 1 2; do
+      [ $# -ge 3 ] || break
+      mkdir -p "build-fuzz/corpus_$1"
+      "build-fuzz/fuzz/$1" -max_total_time="$seconds" -max_len="$2" -print_final_stats=1 \
+        -artifact_prefix="build-fuzz/$1-" "build-fuzz/corpus_$1" "$3" >"build-fuzz/$1.log" 2>&1 &
+      pids="$pids $!:$1"
+      shift 3
+    done
+    for entry in $pids; do
+      name=${entry#*:}
+      if ! wait "${entry%%:*}"; then
+        tail -n 40 "build-fuzz/$name.log"
+        echo "test.sh: $name found a failure (input saved in build-fuzz/)" >&2
+        exit 1
+      fi
+      echo "$name: $(grep -E '^stat::number_of_executed_units' "build-fuzz/$name.log" | tr -s ' ')"
+    done
+  done
+}
+
+all_start=$(date +%s)
+begin "install packages"
+sh scripts/install-deps.sh --test --corpus
+end
+
+begin "optimised build"
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEVRC_WERROR=ON >/dev/null
 cmake --build build
+end
+
+begin "optimised tests"
 ctest --test-dir build --output-on-failure -j "$jobs"
+end
 
-echo "== consumer builds"
+begin "consumer builds (find_package, pkg-config, add_subdirectory)"
 sh scripts/check-consumers.sh build
+end
 
-echo "== sanitizer build (address, undefined; no recovery)"
-cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEVRC_SANITIZE=ON -DKEVRC_WERROR=ON
+begin "sanitizer build (address, undefined)"
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEVRC_SANITIZE=ON \
+  -DKEVRC_WERROR=ON >/dev/null
 cmake --build build-asan
+end
+
+begin "sanitizer tests"
 ctest --test-dir build-asan --output-on-failure -j "$jobs"
+end
 
 if [ "$fuzz_seconds" -gt 0 ] && command -v clang++ >/dev/null 2>&1; then
-  echo "== decoder fuzzer, ${fuzz_seconds} s"
+  begin "fuzzer build (clang)"
   CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DKEVRC_SANITIZE=ON -DKEVRC_BUILD_FUZZERS=ON -DKEVRC_BUILD_TESTS=OFF -DKEVRC_BUILD_TOOLS=OFF \
-    -DKEVRC_BUILD_EXAMPLES=OFF -DKEVRC_WERROR=ON
+    -DKEVRC_BUILD_EXAMPLES=OFF -DKEVRC_WERROR=ON >/dev/null
   cmake --build build-fuzz
-  seeds=build-fuzz/seeds
-  mkdir -p "$seeds" build-fuzz/corpus
+  seeds=build-fuzz/seeds_decoder
+  mkdir -p "$seeds"
   i=0
   for kind in speech erasures recovery garbage; do
     for selector in 33 0 37 10 160 45; do
@@ -39,32 +96,25 @@ if [ "$fuzz_seconds" -gt 0 ] && command -v clang++ >/dev/null 2>&1; then
       build/tools/make_stream "$seeds/seed$i" 40 "$i" "$kind" --fuzz "$selector"
     done
   done
-  log=build-fuzz/fuzz.log
-  if ! build-fuzz/fuzz/fuzz_decoder -max_total_time="$fuzz_seconds" -max_len=2048 -print_final_stats=1 \
-      -artifact_prefix=build-fuzz/ build-fuzz/corpus "$seeds" >"$log" 2>&1; then
-    tail -n 40 "$log"
-    echo "test.sh: the fuzzer found a failure (input saved in build-fuzz/)" >&2
-    exit 1
-  fi
-  tail -n 12 "$log"
-
-  echo "== encoder fuzzer, ${fuzz_seconds} s"
-  eseeds=build-fuzz/enc_seeds
-  mkdir -p "$eseeds" build-fuzz/enc_corpus
-  # One seed per valid creation record (selector k): 10 frames of noise, then
-  # 10 of silence.
+  # Encoder seeds: one per valid creation record (selector k), 10 frames of
+  # noise, then 10 of silence.
+  mkdir -p build-fuzz/seeds_encoder
   k=0
   while [ "$k" -lt 18 ]; do
-    { printf "\\$(printf %03o "$k")"; head -c 3200 /dev/urandom; head -c 3200 /dev/zero; } >"$eseeds/seed$k"
+    { printf "\\$(printf %03o "$k")"; head -c 3200 /dev/urandom; head -c 3200 /dev/zero; } \
+      >"build-fuzz/seeds_encoder/seed$k"
     k=$((k + 1))
   done
-  log=build-fuzz/fuzz_encoder.log
-  if ! build-fuzz/fuzz/fuzz_encoder -max_total_time="$fuzz_seconds" -max_len=16100 -print_final_stats=1 \
-      -artifact_prefix=build-fuzz/enc_ build-fuzz/enc_corpus "$eseeds" >"$log" 2>&1; then
-    tail -n 40 "$log"
-    echo "test.sh: the encoder fuzzer found a failure (input saved in build-fuzz/)" >&2
-    exit 1
-  fi
-  tail -n 12 "$log"
+  end
+
+  begin "fuzzers, ${fuzz_seconds} s each"
+  fuzz "$fuzz_seconds" \
+    fuzz_decoder 2048 build-fuzz/seeds_decoder \
+    fuzz_encoder 16100 build-fuzz/seeds_encoder
+  end
 fi
+
+echo "test.sh: stage durations"
+printf '%s' "$summary"
+echo "  total                              $(( $(date +%s) - all_start )) s"
 echo "test.sh: all tests passed"
