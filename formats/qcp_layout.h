@@ -14,7 +14,7 @@ namespace kevrcf {
 inline constexpr uint8_t kStorageMagic[7] = {'#', '!', 'E', 'V', 'R', 'C', '\n'};
 inline constexpr uint8_t kCodecGuid[16] = {0x8D, 0xD4, 0x89, 0xE6, 0x76, 0x90, 0xB5, 0x46,
                                            0x91, 0xEF, 0x73, 0x6A, 0x51, 0x00, 0xCE, 0xB4};
-inline constexpr char kCodecName[] = "TIA IS-127 Enhanced Variable Rate Codec";
+inline constexpr char kCodecName[] = "kevrc narrow-band variable-rate CELP";
 
 inline constexpr uint32_t kFmtBytes = 150;
 inline constexpr uint32_t kVratBytes = 8;

@@ -82,7 +82,7 @@ TEST(Formats, QcpWrittenAndReadBackFieldByField) {
   const kevrcf_qcp_info &q = r.qcp;
   EXPECT_EQ(q.major * 10 + q.minor, 10);
   EXPECT_EQ(q.codec_version, 1);
-  EXPECT_STREQ(q.name, "TIA IS-127 Enhanced Variable Rate Codec");
+  EXPECT_STREQ(q.name, "kevrc narrow-band variable-rate CELP");
   EXPECT_EQ(q.average_bps, 37 * 8 * 50 / 3);
   EXPECT_EQ(q.packet_size, 23);
   EXPECT_EQ(q.block_size, 160);
