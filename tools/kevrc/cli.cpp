@@ -12,6 +12,7 @@
 #include <cstring>
 #include <thread>
 
+#include "tools/kevrc/commands.h"
 #include "tools/support/batch.h"
 
 namespace kevrc::tool {
@@ -145,6 +146,16 @@ ParseResult parse_options(Command command, int argc, char **argv, Options &opt) 
     return kUsageError;
   }
   return kParsed;
+}
+
+int parse_command(Command command, int argc, char **argv, Options &opt) {
+  const ParseResult parsed = parse_options(command, argc, argv, opt);
+  if (parsed == kHelp) return print_help(command_name(command), stdout);
+  return parsed == kParsed ? -1 : kExitUsage;
+}
+
+bool fail_coding(const std::string &in, const std::string &out, const std::string &error) {
+  return fail(error.rfind(in + ": ", 0) == 0 ? error : out + ": " + error);
 }
 
 int run_files(const Options &opt, const char *what, const std::string &extension, CodeFile code) {

@@ -46,10 +46,15 @@ struct Options {
 };
 
 ParseResult parse_options(Command command, int argc, char **argv, Options &opt);
+// parse_options and its outcome: -1 to go on, or the exit status (0 after
+// --help, which it prints; 2 after a usage error).
+int parse_command(Command command, int argc, char **argv, Options &opt);
 int usage_error(const std::string &message);
 // "kevrc: message" on stderr; returns false so that callers can return it.
 bool fail(const std::string &message);
 void warn(const Options &opt, const std::string &message);
+// fail() for a coding error: prefixed with out unless it already names in.
+bool fail_coding(const std::string &in, const std::string &out, const std::string &error);
 
 using CodeFile = bool (*)(const Options &opt, const std::string &in, const std::string &out, bool single);
 int run_files(const Options &opt, const char *what, const std::string &extension, CodeFile code);

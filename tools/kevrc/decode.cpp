@@ -94,7 +94,7 @@ bool decode_file(const Options &opt, const std::string &in, const std::string &o
   if (ok && opt.strict && !damaged.empty()) error = in + ": " + damaged, ok = false;
   if (!ok || !writer.finish(error) || !output.commit(error)) {
     output.abandon();
-    return fail(error.find(in + ": ") == 0 ? error : out + ": " + error);
+    return fail_coding(in, out, error);
   }
   if (!damaged.empty()) warn(opt, in + ": " + damaged);
   if (opt.verbose) print_stats(in, out, reader, progress.seconds());
@@ -105,8 +105,7 @@ bool decode_file(const Options &opt, const std::string &in, const std::string &o
 
 int command_decode(int argc, char **argv) {
   Options opt;
-  const ParseResult parsed = parse_options(kDecode, argc, argv, opt);
-  if (parsed != kParsed) return parsed == kHelp ? print_help("decode", stdout) : kExitUsage;
+  if (const int status = parse_command(kDecode, argc, argv, opt); status >= 0) return status;
   return run_files(opt, "decoded", type_extension(opt.audio.type), decode_file);
 }
 

@@ -97,7 +97,7 @@ bool encode_file(const Options &opt, const std::string &in, const std::string &o
   PacketOutput packets{{}, ByteSink(output.fd()), {}};
   kevrcf_writer_init(&packets.writer, format_of(opt, out));
   Progress progress(in, single && !opt.quiet && isatty(2));
-  const double total = static_cast<double>(reader.info().frames);
+  const double total = in == "-" ? -1 : static_cast<double>(reader.info().frames);
   int16_t frame[KEVRC_FRAME_SAMPLES];
   size_t fill = 0;
   const auto sink = [&](const int16_t *x, size_t n) {
@@ -120,7 +120,7 @@ bool encode_file(const Options &opt, const std::string &in, const std::string &o
   if (!ok || !output.commit(error)) {
     output.abandon();
     if (error.empty()) error = std::string("write error: ") + std::strerror(errno);
-    return fail(error.find(in + ": ") == 0 ? error : out + ": " + error);
+    return fail_coding(in, out, error);
   }
   if (opt.verbose) print_stats(in, out, packets, progress.seconds());
   return true;
@@ -130,8 +130,7 @@ bool encode_file(const Options &opt, const std::string &in, const std::string &o
 
 int command_encode(int argc, char **argv) {
   Options opt;
-  const ParseResult parsed = parse_options(kEncode, argc, argv, opt);
-  if (parsed != kParsed) return parsed == kHelp ? print_help("encode", stdout) : kExitUsage;
+  if (const int status = parse_command(kEncode, argc, argv, opt); status >= 0) return status;
   return run_files(opt, "encoded", opt.format == "qcp" ? "qcp" : "evrc", encode_file);
 }
 

@@ -46,7 +46,7 @@ struct Report {
       const auto &[name, value] = fields[i];
       if (json) std::printf("%s\"%s\": %s", i > 0 ? ", " : "", name.c_str(), value.c_str());
       else if (i == 0) std::printf("%s\n", value.substr(1, value.size() - 2).c_str());
-      else std::printf("  %-14s %s\n", name.c_str(), value[0] == '"' ? value.substr(1, value.size() - 2).c_str() : value.c_str());
+      else std::printf("  %-17s %s\n", name.c_str(), value[0] == '"' ? value.substr(1, value.size() - 2).c_str() : value.c_str());
     }
     if (json) std::printf("}");
   }
@@ -68,6 +68,13 @@ void packet_report(const kevrcf_reader &r, Report &out) {
   out.number("cut_off", static_cast<double>(s.truncated));
   out.number("unknown_octet", s.unknown_octet);
   out.number("unread_bytes", static_cast<double>(s.unread_bytes));
+  if (r.format != KEVRCF_FORMAT_QCP) return;
+  const kevrcf_qcp_info &q = r.qcp;
+  out.text("codec", q.name);
+  out.number("codec_version", q.codec_version);
+  out.number("variable_rate", q.variable_rate);
+  out.number("packet_size", q.packet_size);
+  out.number("declared_packets", q.declared_packets);
 }
 
 bool audio_report(const std::string &path, Report &out, std::string &error) {
@@ -114,8 +121,7 @@ bool inspect(const Options &opt, const std::string &path, Report &out, std::stri
 
 int command_info(int argc, char **argv) {
   Options opt;
-  const ParseResult parsed = parse_options(kInfo, argc, argv, opt);
-  if (parsed != kParsed) return parsed == kHelp ? print_help("info", stdout) : kExitUsage;
+  if (const int status = parse_command(kInfo, argc, argv, opt); status >= 0) return status;
   int status = kExitOk;
   for (size_t i = 0; i < opt.files.size(); ++i) {
     Report report;

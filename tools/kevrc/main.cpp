@@ -59,7 +59,8 @@ constexpr char kDecodeHelp[] =
 constexpr char kInfoHelp[] =
     "usage: kevrc info [OPTIONS] FILE...\n"
     "Packet files: format, frames, duration, rate histogram, bit rate, blank,\n"
-    "erasure and damaged counts. Audio files: what libsndfile reports.\n"
+    "erasure and damaged counts (QCP: also codec name and version, variable-rate\n"
+    "flag, packet size and declared packets). Audio files: what libsndfile reports.\n"
     "      --json            one JSON array for scripts\n"
     "      --strict          a damaged packet file is an error\n"
     "  -q, --quiet           errors only\n"
