@@ -27,7 +27,7 @@ struct OptionSpec {
 
 constexpr OptionSpec kOptions[] = {
     {"--output-dir", 'o', true, kEncode | kDecode}, {"--jobs", 'j', true, kEncode | kDecode},
-    {"--quiet", 'q', false, kEncode | kDecode | kInfo}, {"--verbose", 'v', false, kEncode | kDecode | kInfo},
+    {"--quiet", 'q', false, kEncode | kDecode | kInfo}, {"--verbose", 'v', false, kEncode | kDecode},
     {"--help", 'h', false, kEncode | kDecode | kInfo}, {"--type", 't', true, kEncode | kDecode},
     {"--rate", 'r', true, kEncode | kDecode},         {"--channels", 'c', true, kEncode | kDecode},
     {"--encoding", 'e', true, kEncode | kDecode},     {"--format", 'f', true, kEncode},
