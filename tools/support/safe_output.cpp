@@ -86,6 +86,10 @@ bool SafeOutput::open(const std::string &path, const std::string &input, std::st
     seekable_ = lseek(1, 0, SEEK_CUR) >= 0;
     return true;
   }
+  if (exists && S_ISDIR(out_st.st_mode)) {
+    error = path + ": is a directory";
+    return false;
+  }
   if (exists && writes_in_place(out_st)) {
     fd_ = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
     if (fd_ < 0) error = why(path);
