@@ -24,7 +24,7 @@ wav() {
 frames() { "$kevrc" info --json "$1" | sed -n 's/.*"frames": \([0-9]*\).*/\1/p'; }
 
 case_roundtrip() {
-  "$gen" signal voice 16000 2 1.01 in.wav || return
+  "$gen" signal voice 16000 2 1.01 in.wav || { fail "setup"; return; }
   check "encode storage and QCP" '"$kevrc" encode in.wav a.evrc && "$kevrc" encode in.wav a.qcp'
   check "51 frames in both" '[ "$(frames a.evrc)$(frames a.qcp)" = 5151 ]'
   check "QCP: header and records, even size" '[ $(($(wc -c <a.qcp) - $(wc -c <a.evrc))) = 188 ]'
@@ -38,7 +38,7 @@ case_roundtrip() {
 }
 
 case_outputs() {
-  "$gen" signal voice 8000 1 1 in.wav && cp in.wav keep.wav && "$kevrc" encode in.wav a.evrc || return
+  "$gen" signal voice 8000 1 1 in.wav && cp in.wav keep.wav && "$kevrc" encode in.wav a.evrc || { fail "setup"; return; }
   ln -s in.wav link.wav && ln -s target.wav out.wav && mkfifo fifo
   check "output = input refused" '! "$kevrc" encode in.wav in.wav 2>/dev/null && cmp -s in.wav keep.wav'
   check "output = input through a symlink refused" '! "$kevrc" encode link.wav in.wav 2>/dev/null && cmp -s in.wav keep.wav'
@@ -51,7 +51,7 @@ case_outputs() {
 }
 
 case_bad_inputs() {
-  "$gen" signal voice 8000 1 0.4 in.wav && "$kevrc" encode in.wav good.evrc && "$kevrc" encode in.wav good.qcp || return
+  "$gen" signal voice 8000 1 0.4 in.wav && "$kevrc" encode in.wav good.evrc && "$kevrc" encode in.wav good.qcp || { fail "setup"; return; }
   wav 8000 1 0 >n0.wav; wav 44100 1 1 >n1.wav; wav 48000 2 2 >n2.wav; wav 1 1 100 >r1.wav
   wav 2147483647 1 10 >rmax.wav; wav 8000 300 50 >c300.wav; wav 8000 2000 1 >c2000.wav
   echo "not audio" >text.wav; : >empty
@@ -92,7 +92,7 @@ ROWS
 }
 
 case_batch() {
-  for i in 1 2 3; do "$gen" signal voice 8000 1 $i v$i.wav || return; done
+  for i in 1 2 3; do "$gen" signal voice 8000 1 $i v$i.wav || { fail "setup"; return; }; done
   mkdir e d
   "$kevrc" encode -q -o e v1.wav missing.wav v2.wav v3.wav 2>err.txt
   check "a failed file does not stop the batch" "[ $? = 1 ] && [ $(wc -l <err.txt) = 2 ] && ls e | grep -c evrc | grep -q 3"
