@@ -21,12 +21,12 @@ if [ ! -r "$ref" ]; then
   exit 1
 fi
 mkdir -p out
-build/tools/kevrc encode "$ref" out/demo.evrc "$@" 2>out/encode.log || { cat out/encode.log >&2; exit 1; }
+build/tools/kevrc encode -v "$ref" out/demo.evrc "$@" 2>out/encode.log || { cat out/encode.log >&2; exit 1; }
 cat out/encode.log
 build/tools/kevrc decode out/demo.evrc out/demo.wav
 
-# "kevrc: encoded N frames (...)": 20 ms per frame.
-frames=$(sed -n 's/^kevrc: encoded \([0-9]*\) frames.*/\1/p' out/encode.log)
+# "kevrc: IN -> OUT: N frames (...)": 20 ms per frame.
+frames=$(sed -n 's/^kevrc: .* -> .*: \([0-9]*\) frames .*/\1/p' out/encode.log)
 wav_bytes=$(wc -c <"$ref")
 evrc_bytes=$(wc -c <out/demo.evrc)
 awk -v f="$frames" -v w="$wav_bytes" -v e="$evrc_bytes" -v ref="$ref" 'BEGIN {
