@@ -105,12 +105,22 @@ if [ "$fuzz_seconds" -gt 0 ] && command -v clang++ >/dev/null 2>&1; then
       >"build-fuzz/seeds_encoder/seed$k"
     k=$((k + 1))
   done
+  # Packet-file seeds: generated streams in the storage format, and a coded
+  # voice-like signal in both formats.
+  mkdir -p build-fuzz/seeds_storage build-fuzz/seeds_qcp
+  for i in 1 2 3; do build/tools/make_stream "build-fuzz/seeds_storage/s$i" 40 "$i" speech --storage; done
+  build/tools/make_stream build-fuzz/seeds_storage/e 40 4 erasures --storage
+  build/tools/make_test_audio signal voice 8000 1 2 build-fuzz/voice.wav
+  build/tools/kevrc encode -q build-fuzz/voice.wav build-fuzz/seeds_storage/voice.evrc
+  build/tools/kevrc encode -q build-fuzz/voice.wav build-fuzz/seeds_qcp/voice.qcp
   end
 
   begin "fuzzers, ${fuzz_seconds} s each"
   fuzz "$fuzz_seconds" \
     fuzz_decoder 2048 build-fuzz/seeds_decoder \
-    fuzz_encoder 16100 build-fuzz/seeds_encoder
+    fuzz_encoder 16100 build-fuzz/seeds_encoder \
+    fuzz_storage 2048 build-fuzz/seeds_storage \
+    fuzz_qcp 4096 build-fuzz/seeds_qcp
   end
 fi
 
