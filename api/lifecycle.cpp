@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Library start-up, decoder and encoder instance lifecycle and per-frame dispatch,
 // status texts and the version string.
 //

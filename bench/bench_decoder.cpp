@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // bench_decoder: decoding speed on one core, in frames per second and as a
 // multiple of real time (50 frames per second of speech).
 //   bench_decoder [FRAMES]

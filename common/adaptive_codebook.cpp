@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Adaptive-codebook (pitch) contribution: the past excitation read back along
 // a continuously changing fractional delay.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Exported C entry points of the arithmetic primitives (fixed_point.h holds
 // the definitions, so that the kernels can inline them).
 #include <kevrc/kevrc_kernels.h>

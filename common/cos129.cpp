@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // kevrc_interpolation_cos129(x): cos(pi*x/16384) in Q31 for a Q15 frequency x
 // (16384 = half the sampling rate), by a second-order Taylor step from the
 // nearest lower point of the 129-entry cosine/sine tables:

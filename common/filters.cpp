@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Order-10 direct-form filters shared by both directions.
 //
 // kevrc_iir: all-pole synthesis 1/A(z), y[i] = x[i] - sum a_k y[i-k] / 4096,

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Fixed-point primitives shared by the encoder and the decoder.
 //
 // Two layers live here:

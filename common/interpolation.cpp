@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Per-subframe interpolation of LSP vectors and of the pitch-delay contour,
 // and the block copy of the adaptive-codebook memory.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // kevrc_lsp2lpc(lsp[10], lpc[10]): LSP to LPC conversion.
 //
 // lsp: 10 frequencies in Q15 (16384 = half the sampling rate), in/out: a

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Per-rate quantizer record shared by the encoder and the decoder: the LSP
 // split layout, the index widths, the LSP codebook and the fixed-codebook
 // gain table of one rate. Rows are padded to four entries with zeros.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Gain tables shared by the encoder and the decoder, and the start LSP
 // vector. Values are the codec's stated ones.
 #include "common/tables.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Fractional-delay interpolation filters of the adaptive codebook: Hamming-
 // windowed sincs, Q15, stored row by row; row p is the filter of phase p
 // (row 4 the zero-offset filter whose centre tap is the cutoff, row 0 the

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // The three per-rate quantizer records, entered as stated for the codec:
 // full rate 4 splits of 2, 2, 3, 3 LSPs (64, 64, 512, 128 entries; 6, 6, 9,
 // 7 bits; 32 gains), half rate 3 splits of 3, 3, 4 (128, 128, 256; 7, 7, 8;

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Bandwidth weighting factors, Q15: entry k multiplies a(k+1) and is the
 // (k+1)-th power of the base. Values are the codec's stated ones.
 #include "common/tables.h"

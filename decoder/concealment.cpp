@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Concealment of an erased half- or full-rate frame, and the subframe output
 // stage shared with good frames.
 //

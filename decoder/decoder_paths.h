@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Internal interfaces between the decoder's frame driver and its paths.
 #pragma once
 

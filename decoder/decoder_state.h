@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Decoder instance, persistent state and per-frame work block.
 //
 // The instance is one aligned allocation made at creation; the work block is

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Eighth-rate decoding: the LPC synthesis filter driven by Gaussian noise,
 // scaled per subframe by the frame's energy row.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Fixed-codebook code words -> the subframe's pulse vector (values +-1, a
 // double pulse +-2), length 53 or 54; pulses at or beyond length are dropped.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Decoder frame driver and state lifecycle.
 //
 // kevrcd_dec(dec, in, out, result): one packet (rate byte + payload) -> 160

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Decoding of a good (not erased) half- or full-rate frame.
 //
 // Per subframe: interpolated LSPs -> LPC, the delay contour from the last

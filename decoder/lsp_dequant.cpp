@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // kevrcd_lsp_vq_evol(dec): LSP indices of the frame -> its ten LSPs (Q15,
 // 16384 = half the sampling rate), by plain split vector quantization (each
 // codeword holds absolute values), with the ordering checks.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Which caller buffers a decoder configuration writes to, and the room each needs.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Adaptive postfilter of one decoded subframe.
 //
 // kecrcd_apf(dec, delay, n): reads the subframe's synthesis s = work->syn[0..n)

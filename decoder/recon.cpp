@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Output reconstruction: delivers the decoded frame in the layout the decoder
 // was created for.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Packet classification and unpacking.
 //
 // kevrcd_vld(dec): runs after the frame driver has read the rate byte into

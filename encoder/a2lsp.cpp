@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // LPC to LSP conversion by a root search on the frequency axis.
 //
 // kevrce_lpc2lsp(lpc_q12, lsp_q15):

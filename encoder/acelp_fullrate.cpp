@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Full-rate algebraic codebook search: 8 signed unit pulses on 55 positions
 // split into five interleaved tracks of 11 (track t = {t, t+5, ..., t+50});
 // three consecutive tracks carry two pulses, the other two one each. Four

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Half-rate algebraic codebook search: three pulses with one shared sign bit,
 // one per track (track 0 = {0, 7, ..., 49}, track 1 = {2, 9, ..., 51},
 // track 2 = {4, 11, ..., 53}); the pulses alternate in sign (+ - + for sign

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Kernels of the full-rate algebraic codebook search (8 pulses on five
 // interleaved tracks of 11 positions, track t = {t, t+5, ..., t+50}), and the
 // two helpers that the full- and half-rate searches share.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Scratch arrays of the fixed-codebook (ACELP) searches, kept in the
 // encoder's work block as work->acelp, and the few helpers that the entry,
 // the full-rate and the half-rate searches share. Rebuilt on every call;

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Fixed-codebook (ACELP) search entry of a full- or half-rate subframe:
 // pitch sharpening of the impulse response, backward filtering of the target
 // and its scaling to 16 bits, the full- or half-rate search, sharpening of the

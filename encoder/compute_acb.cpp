@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Adaptive codebook and modified residual of a subframe:
 // kevrce_compute_acb(enc, m, contour, residual, available, B, L).
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Eighth-rate excitation coding: one 8-bit index of a three-value energy
 // vector per frame, and the Gaussian noise excitation that the decoder will
 // build from it.

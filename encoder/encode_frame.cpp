@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Frame coding at the chosen rate: kevrc_encode_frame(work, enc, rate).
 //
 // work (in/out) holds the frame's analysis (unquantized LSPs, residual,

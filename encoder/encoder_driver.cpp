@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // The encoder's per-frame operation and its starting state.
 //
 // kevrce_enc(enc, in, out, result): in->data[0] (in/out) holds 160 16-bit

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Encoder instance, persistent state and work block.
 //
 // The instance is one aligned allocation made at creation and cleared to zero

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Codebook gains of a full- or half-rate subframe: the closed-loop
 // adaptive-codebook (pitch) gain, the filtered adaptive contribution, and the
 // fixed-codebook gain with the excitation update.

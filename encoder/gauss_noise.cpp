@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Gaussian generator of the eighth-rate coder, kevrce_gauss_noise(enc):
 // returns one Gaussian sample in Q13 (unit variance = 8192) by the polar
 // method on a 16-bit linear congruential sequence. A successful polar draw

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Input high-pass filter of the encoder: three second-order sections in
 // cascade (kevrce_tbl_hpf, Q14), a double zero at 0 Hz.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // kevrce_imp_res(lpc, h): the first 54 samples of the impulse response of the
 // all-pole filter 1/A(z), A(z) = 1 + sum a_k z^-k.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // kevrce_calculate_lpc(work): LPC coefficients of the current frame by the
 // autocorrelation method (Hamming window, white-noise correction, Gaussian
 // lag window, tenth-order Levinson-Durbin recursion in Q28).

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Small pieces shared by the weighting-filter blocks of the encoder: the
 // bandwidth-expanded coefficients of A(z/g) and the newest-first tap
 // histories of the 10th-order filters.

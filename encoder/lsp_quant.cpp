@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // LSP quantization: a weighted split vector quantizer searched split by
 // split, with an ordering constraint at the seams between splits.
 //

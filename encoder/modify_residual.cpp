@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Residual modification (relaxed CELP): kevrce_modifyresidual(enc, m, shift,
 // B, residual, available, carry, contour_end, L).
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // kevrce_ol_pitch(state, x, delay, gain): open-loop pitch delay and its
 // normalised correlation for a 160-sample stretch of the short-term residual.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Payload packing, kevrce_vlc(enc): writes the coded parameters of the frame
 // (enc->work, at rate enc->rate) through the instance's bit writer, most
 // significant bit first. The writer must have been started on the caller's

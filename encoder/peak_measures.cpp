@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Pulse measures of the residual modification.
 //
 // kevrce_peak_energy(position, energy, x, start, n): the strongest 5-sample

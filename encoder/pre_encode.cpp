@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // kevrce_pre_encode(enc, input): the per-frame analysis ahead of rate
 // determination and coding.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Internal helpers of the frame analysis, shared with the tests.
 #pragma once
 

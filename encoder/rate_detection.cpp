@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Rate decision of the encoder: eighth (1), half (3) or full (4) rate per
 // frame, from the energies of two frequency bands measured against adaptive
 // background-noise estimates, with a hangover after speech, then bounded to

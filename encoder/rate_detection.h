@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Rate decision: the helpers that tests reach directly. The function and
 // its tables are declared in api/kevrc_kernels.h.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Internal pieces of the residual modification, shared with its tests.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // kevrce_residu(in, lpc, mem, n, out): the prediction-error filter A(z),
 // y[i] = x[i] + sum a_k x[i-k] / 4096, with a saturating accumulator.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Constant data of the full-rate algebraic codebook search.
 #include <kevrc/kevrc_kernels.h>
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Encoder constants entered as stated for the codec: the input high-pass
 // filter's coefficients and the delay interpolation kernel.
 #include "common/tables.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Decision thresholds of the adaptive-codebook (pitch) gain quantizer.
 //
 // Entry k (0..6) separates gain levels k and k+1 of kevrc_tbl_pitch_q: it is

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Tables of the LPC analysis.
 //
 // kevrce_tbl_analysis_window[160], Q15: the Hamming window

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Constants of the rate decision, entered as stated for the codec.
 //
 // kevrce_tbl_band_filter[b][k], k = 0..16: the autocorrelation of the

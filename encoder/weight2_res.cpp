@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Residual-domain target of the fixed-codebook search: the fixed-codebook
 // target taken back through the inverse of the weighted synthesis chain,
 // r = x2 * Aq(z) * A'(z/g2) / A'(z/g1), g1 = 0.9, g2 = 0.5, where the primes

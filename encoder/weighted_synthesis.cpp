@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // The encoder's weighted synthesis chain 1/Aq(z) -> A(z/g1) -> 1/A(z/g2)
 // (g1 = 0.9, g2 = 0.5): its impulse response, its zero-input response, and
 // the update of its memories with a subframe's final excitation.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // libFuzzer target: a decoder created from a record taken from the input,
 // then fed the packets that follow.
 //

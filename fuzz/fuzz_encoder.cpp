@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // libFuzzer target: an encoder created from a record taken from the input,
 // fed the frames that follow; every payload it produces goes to a decoder.
 //

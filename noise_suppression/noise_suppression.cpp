@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Spectral noise suppressor: one call processes an 80-sample block in place.
 //
 // kevrce_noise_suprs(enc, samples)

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Spectral analysis of the noise suppressor: per-channel energies, their
 // smoothing, the channel SNR indices, the voice metric, the dB measure and
 // the long-term energy smoothing weights.

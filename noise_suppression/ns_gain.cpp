@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Noise-update decision, SNR gating, per-channel gains and the noise update
 // of the noise suppressor.
 //

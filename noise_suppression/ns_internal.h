@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Internal steps of the noise suppressor (kevrce_noise_suprs), one function
 // per step, shared by the driver and the tests.
 //

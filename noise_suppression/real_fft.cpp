@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // 128-point real FFT on 16-bit data, in place, through a 64-point complex FFT.
 //
 // kevrce_complex_fft(buffer, direction)

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Constant tables of the noise suppressor and its real FFT.
 //
 // kevrce_ns_window: analysis window of the 104-sample block, Q15. Entry i is

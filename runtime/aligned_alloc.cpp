@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // 32-byte aligned memory for instances and their work blocks. Used only at
 // instance creation and deletion, never per frame.
 //

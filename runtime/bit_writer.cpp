@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Bit writer of the encoder: appends fields most significant bit first into
 // 16-bit words. A word that is not yet full stays in the machine's byte order;
 // once full it is stored high byte first and the writer moves to the next

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Bit-stream reader of the decoder: most significant bit first, fields of 1
 // to 16 bits crossing byte boundaries freely.
 //

@@ -1,4 +1,6 @@
 #!/bin/sh
+# SPDX-License-Identifier: BSD-3-Clause
+# Copyright (c) the kevrc authors
 # Installs the Debian packages the build, the tools and the tests need.
 #   install-deps.sh [--test] [--corpus]
 #     --test    adds clang for the fuzzer and groff for the manual page test

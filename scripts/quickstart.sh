@@ -1,4 +1,6 @@
 #!/bin/sh
+# SPDX-License-Identifier: BSD-3-Clause
+# Copyright (c) the kevrc authors
 # Quick start: installs what is missing (with the speech recordings), builds,
 # and runs the main job: a real speech recording through the codec and back.
 #   quickstart.sh [ENCODE OPTIONS]   e.g. --max-rate 1, --no-ns

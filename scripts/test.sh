@@ -1,4 +1,6 @@
 #!/bin/sh
+# SPDX-License-Identifier: BSD-3-Clause
+# Copyright (c) the kevrc authors
 # The whole test suite: installs what is missing, builds twice (optimised, and
 # with AddressSanitizer + UndefinedBehaviorSanitizer) and runs every test in
 # both builds (the end-to-end tests read held-out speech from the corpus

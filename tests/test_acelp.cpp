@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Algebraic fixed-codebook searches: the search entry (sharpening, backward
 // filtering, scaling, gain), the full-rate 8-pulse search and its kernels,
 // and the half-rate 3-pulse search.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Adaptive codebook: fractional-delay interpolation and the contour builder.
 #include <cstring>
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Creation when allocations fail: this binary links its own allocator, which
 // fails on request and counts what is outstanding.
 #include <gtest/gtest.h>

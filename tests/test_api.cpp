@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // The public interface: lifecycle, argument checks, status texts.
 #include <algorithm>
 #include <cstring>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // LSP dequantization and fixed-codebook decoding.
 #include <cstring>
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Encoder and decoder together on speech: every rate is coded and decodes,
 // the decoder's state tracks the encoder's over minutes of speech, and frozen
 // checksums of packets and decoded samples catch any change in the bits.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // The decoder end to end: its paths, its error returns, state after bad
 // packets, reset, instance independence and frozen output checksums.
 #include <cstdio>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Eighth-rate decoding and the Gaussian noise generator.
 #include <cmath>
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Eighth-rate coding: the Gaussian generator, the impulse-response gain, the
 // energy measurement and search, the noise excitation, and payload packing.
 #include <algorithm>

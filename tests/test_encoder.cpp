@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Encoder lifecycle, frame driver (input high-pass filter, level
 // conditioning, result record) and payload packing.
 #include <algorithm>

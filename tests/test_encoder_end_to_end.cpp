@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // The whole encoder on generated signals: rate bounds, the rate decision
 // settling where it should, and frozen checksums of its output.
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Filters, interpolation, the cosine evaluation and LSP-to-LPC conversion.
 #include <cmath>
 #include <cstring>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Arithmetic primitives: the stated exact values, the building blocks against
 // an int64 reference on every pair of edge values, and accuracy properties.
 #include <bit>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Codebook gains (closed-loop pitch gain, filtered adaptive contribution,
 // fixed-codebook gain and excitation update) and the residual-domain target.
 #include <algorithm>

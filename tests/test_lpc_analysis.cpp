@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // LPC analysis: tables, autocorrelation and Levinson-Durbin, LPC to LSP, the
 // residual filter, the impulse response and the frame analysis as a whole.
 #include <algorithm>

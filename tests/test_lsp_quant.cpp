@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // LSP quantization: the spacing weights and the weighted split VQ search.
 #include <algorithm>
 #include <cmath>

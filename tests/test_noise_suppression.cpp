@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // The spectral noise suppressor: its scaling helpers, tables, the steps of
 // one call and the whole call on synthetic signals.
 #include <algorithm>

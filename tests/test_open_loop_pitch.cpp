@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Open-loop pitch: period finding, the gain against a double-precision model,
 // tracking of the previous delay, the decimator and unusual inputs.
 #include <algorithm>

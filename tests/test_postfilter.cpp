@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Adaptive postfilter: its small kernels exactly, and the behaviour of the
 // whole filter on prepared subframes.
 #include <algorithm>

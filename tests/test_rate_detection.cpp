@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Rate determination: bounds, first frame, hangover, noise and signal
 // estimates, SNR indices.
 #include <cmath>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Residual modification: pulse measures, the interpolator's read span, the
 // segment plan's invariants and the tracking of a drifting pitch.
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // The 128-point real FFT of the noise suppressor and its twiddle table.
 #include <algorithm>
 #include <cmath>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Output formatting: sample formats, channel layouts, and what is written.
 #include <cstring>
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Checks of the trained LSP codebooks and eighth-rate energy tables: the
 // fixed sample rows at their positions, codewords strictly ascending inside
 // 1..16383, every split offering an ordered continuation, and the gain table

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Packet classification (blank, all-ones, forbidden rate changes) and field
 // unpacking.
 #include "tests/test_util.h"

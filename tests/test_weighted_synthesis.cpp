@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Weighted synthesis chain 1/Aq(z) -> A(z/0.9) -> 1/A(z/0.5): impulse
 // response, zero-input response and memory update.
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // make_stream: writes a deterministic packet stream for cross-checks, or a
 // seed input of the decoder fuzzer.
 //   make_stream OUT FRAMES SEED speech|erasures|garbage|recovery [--fuzz SELECTOR | --storage]

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // measure_codec: the codec end to end on the held-out corpus files.
 //
 //   measure_codec OUTDIR [--max-rate N] [--min-rate N] [--no-ns] [--root DIR]

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // measure_frontend: measures the encoder's front end with the compiled-in
 // tables and prints a compact report.
 //

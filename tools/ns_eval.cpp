@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // ns_eval: measures the noise suppressor on the held-out speech corpus.
 //
 // Each held-out file is mixed with white noise and with "car" noise (white

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // kevrc_quality: objective distance between a decoded file and its reference.
 //
 //   kevrc_quality [--raw-reference] REF DEC

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // train_tables: trains the codec's LSP codebooks and eighth-rate energy tables
 // on speech, and writes them as C++ sources.
 //
@@ -600,6 +602,10 @@ bool write_file(const std::filesystem::path &path, const std::string &text) {
   return true;
 }
 
+// The first lines of every generated source file.
+constexpr const char *kLicenceHeader =
+    "// SPDX-License-Identifier: BSD-3-Clause\n// Copyright (c) the kevrc authors\n";
+
 std::string comment_block(const std::string &text) {
   std::istringstream in(text);
   std::string line, out;
@@ -808,7 +814,7 @@ int run_train(const Options &o) {
        << counts.str() << notes.str() << "Seeds: noise tracks 0x" << std::hex << kSeedTrainNoise
        << ", babble offsets 0x" << kSeedBabbleOffsets << std::dec << "; no other randomness.\n";
   std::ostringstream lsp_text;
-  lsp_text << comment_block(
+  lsp_text << kLicenceHeader << comment_block(
       prov.str() +
       "\nLSP codebooks: weighted split VQ. Per split, LBG with splitting on the\n"
       "quantizer's weighted squared error (weights from kevrce_norm_lsp; at most\n"
@@ -862,7 +868,7 @@ int run_train(const Options &o) {
       train_energy_data.size(), en.iterations, std::sqrt(en.distortion), held_fit.mae_db,
       held_fit_in.mae_db);
   std::ostringstream gain_text, search_text;
-  gain_text << comment_block(
+  gain_text << kLicenceHeader << comment_block(
                    prov.str() + "\n" + energy_line +
                    "Gain row = round(128 * 10^(search row / 8192)) for every trained row; the\n"
                    "stated rows are the stated gains (row 254 and 255 differ from the formula\n"
@@ -870,7 +876,7 @@ int run_train(const Options &o) {
             << "#include \"common/tables.h\"\n\n"
             << "// Eighth-rate energy gain table: 256 rows x 3 subframe gains (linear).\n"
             << format_array("extern \"C\" const int16_t kevrc_tbl_energy_gain[768]", en.gain, 12);
-  search_text << comment_block(
+  search_text << kLicenceHeader << comment_block(
                      prov.str() + "\n" + energy_line +
                      "Values clamped to -2988..17596; rows 64, 128 and 254 are the nearest\n"
                      "integers to 8192 * log10(stated gain / 128).\n")

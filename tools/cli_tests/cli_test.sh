@@ -1,4 +1,6 @@
 #!/bin/sh
+# SPDX-License-Identifier: BSD-3-Clause
+# Copyright (c) the kevrc authors
 # Command-line tests of kevrc_quality (the kevrc tool: kevrc_test.sh).
 #   cli_test.sh CASE KEVRC_QUALITY MAKE_TEST_AUDIO WORKDIR
 # Each case works in WORKDIR/CASE on audio made by make_test_audio, prints

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Test material for the command-line tests (tools/cli_tests/cli_test.sh).
 //
 //   make_test_audio signal KIND RATE CHANNELS SECONDS OUT.wav

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Audio reading (libsndfile), down-mixing, resampling to 8 kHz (libsoxr),
 // 16-bit conversion, WAV writing and the temporary-file-and-rename helper of
 // the command-line tools. See audio_io.h for the contract of each function.

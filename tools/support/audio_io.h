@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Audio and output-file support for the command-line tools and their tests.
 //
 //  read_mono_8k(path, samples, error, info): reads any file libsndfile opens

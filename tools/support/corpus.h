@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Speech corpus access for the training and measurement tools.
 //
 // The corpus is the four voices of Debian's asterisk-core-sounds-{en,es,fr,it}-wav

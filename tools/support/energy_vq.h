@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Eighth-rate energy codebook helpers for the training tool and its tests
 // (header only).
 //

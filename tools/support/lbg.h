@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Vector-quantizer training for the table-training tool (header only, so that
 // the unit tests can use it without a library of their own).
 //

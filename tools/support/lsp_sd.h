@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Spectral distortion between two LSP vectors, in double precision (header
 // only; used by the table-training tool and its tests).
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Test material for the training and measurement tools (header only): the
 // active level of a recording, speech mixed with noise at an SNR, noise
 // segments at a level, and babble made from corpus files.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Generated signals for the table-training and measurement tools (header
 // only; the unit tests use it too). Everything is deterministic: a 64-bit
 // splitmix generator with a fixed seed, Gaussian values by the Box-Muller

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 #include "tools/support/packet_gen.h"
 
 #include <cstdio>

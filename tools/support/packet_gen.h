@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 // Test and tool support: packets built from field values, and deterministic
 // packet streams (speech-like, erasure-heavy, or garbage) for tests, the
 // fuzzer corpus, the benchmark and cross-checks.

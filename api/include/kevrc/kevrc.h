@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 /*
  * kevrc: fixed-point narrow-band variable-rate CELP speech codec.
  *

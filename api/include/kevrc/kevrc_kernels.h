@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
 /*
  * kevrc internal kernels, with C linkage under their own names.
  *
