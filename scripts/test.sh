@@ -23,7 +23,7 @@ begin() {
 end() {
   took=$(( $(date +%s) - stage_start ))
   echo "== $stage_name: ${took} s"
-  summary="$summary$(printf '  %-34s %4d s' "$stage_name" "$took")
+  summary="$summary$(printf '  %-38s %4d s' "$stage_name" "$took")
 "
 }
 
@@ -69,7 +69,7 @@ begin "optimised tests"
 ctest --test-dir build --output-on-failure -j "$jobs"
 end
 
-begin "consumer builds (find_package, pkg-config, add_subdirectory)"
+begin "consumer builds (3 ways)"
 sh scripts/check-consumers.sh build
 end
 
@@ -128,5 +128,5 @@ fi
 
 echo "test.sh: stage durations"
 printf '%s' "$summary"
-echo "  total                              $(( $(date +%s) - all_start )) s"
+printf '  %-38s %4d s\n' total $(( $(date +%s) - all_start ))
 echo "test.sh: all tests passed"
