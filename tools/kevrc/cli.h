@@ -38,7 +38,7 @@ struct Options {
   unsigned jobs = 0;  // 0: all cores
   std::string out_dir;
   std::vector<std::string> files;
-  AudioSpec audio;
+  AudioLayout audio;
   int min_rate = 1, max_rate = 4;
   bool noise_suppression = true;
   std::string format;  // encode: "storage", "qcp" or "" (by extension)

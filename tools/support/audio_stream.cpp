@@ -125,30 +125,30 @@ std::string sndfile_message(SNDFILE *file) {
   return m;
 }
 
-bool sndfile_format(const std::string &path, const AudioSpec &spec, bool writing, bool pipe, int *format,
+bool sndfile_format(const std::string &path, const AudioLayout &layout, bool writing, bool pipe, int *format,
                     std::string &error) {
-  const std::string type = !spec.type.empty() ? spec.type : extension(path);
+  const std::string type = !layout.type.empty() ? layout.type : extension(path);
   int f = type.empty() ? 0 : type_format(type);
-  if (writing && f == 0 && spec.type.empty() && pipe) f = SF_FORMAT_AU;
-  if (!spec.type.empty() && f == 0) {
-    error = "unknown type '" + spec.type + "'";
+  if (writing && f == 0 && layout.type.empty() && pipe) f = SF_FORMAT_AU;
+  if (!layout.type.empty() && f == 0) {
+    error = "unknown type '" + layout.type + "'";
     return false;
   }
   if (writing && f == 0) f = SF_FORMAT_WAV;
   const bool raw = (f & SF_FORMAT_TYPEMASK) == SF_FORMAT_RAW;
   if (!writing && !raw) {
     *format = 0;
-    if (spec.rate != 0 || spec.channels != 0 || !spec.encoding.empty()) {
+    if (layout.rate != 0 || layout.channels != 0 || !layout.encoding.empty()) {
       error = "--rate, --channels and --encoding describe raw input only (--type raw, .raw, .ul, .al)";
       return false;
     }
     return true;
   }
   int sub = f & SF_FORMAT_SUBMASK;
-  if (!spec.encoding.empty()) {
-    sub = lookup(kEncodings, std::size(kEncodings), spec.encoding);
+  if (!layout.encoding.empty()) {
+    sub = lookup(kEncodings, std::size(kEncodings), layout.encoding);
     if (sub == 0) {
-      error = "unknown encoding '" + spec.encoding + "' (s8 u8 s16 s24 s32 f32 f64 ulaw alaw)";
+      error = "unknown encoding '" + layout.encoding + "' (s8 u8 s16 s24 s32 f32 f64 ulaw alaw)";
       return false;
     }
   }
@@ -191,17 +191,17 @@ AudioReader::~AudioReader() {
   if (soxr_ != nullptr) soxr_delete(soxr_);
 }
 
-bool AudioReader::open(const std::string &path, const AudioSpec &spec, std::string &error) {
+bool AudioReader::open(const std::string &path, const AudioLayout &layout, std::string &error) {
   path_ = path;
   int format = 0;
-  if (!sndfile_format(path, spec, false, false, &format, error)) {
+  if (!sndfile_format(path, layout, false, false, &format, error)) {
     error = path + ": " + error;
     return false;
   }
   if (format != 0) {
     info_.format = format;
-    info_.samplerate = spec.rate != 0 ? spec.rate : kCodecRate;
-    info_.channels = spec.channels != 0 ? spec.channels : 1;
+    info_.samplerate = layout.rate != 0 ? layout.rate : kCodecRate;
+    info_.channels = layout.channels != 0 ? layout.channels : 1;
     if (!rate_ok(info_.samplerate, path, error) || !channels_ok(info_.channels, path, error)) return false;
   }
   if (path != "-" && access(path.c_str(), R_OK) != 0) {
@@ -268,12 +268,12 @@ AudioWriter::~AudioWriter() {
   if (soxr_ != nullptr) soxr_delete(soxr_);
 }
 
-bool AudioWriter::open(int fd, const std::string &name, const AudioSpec &spec, std::string &error) {
-  info_.samplerate = spec.rate != 0 ? spec.rate : kCodecRate;
-  info_.channels = spec.channels != 0 ? spec.channels : 1;
+bool AudioWriter::open(int fd, const std::string &name, const AudioLayout &layout, std::string &error) {
+  info_.samplerate = layout.rate != 0 ? layout.rate : kCodecRate;
+  info_.channels = layout.channels != 0 ? layout.channels : 1;
   struct stat st {};
   const bool pipe = fstat(fd, &st) == 0 && (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode));
-  if (!sndfile_format(name, spec, true, pipe, &info_.format, error) || !rate_ok(info_.samplerate, "--rate", error) ||
+  if (!sndfile_format(name, layout, true, pipe, &info_.format, error) || !rate_ok(info_.samplerate, "--rate", error) ||
       !channels_ok(info_.channels, "--channels", error))
     return false;
   file_ = sf_open_fd(fd, SFM_WRITE, &info_, SF_FALSE);
