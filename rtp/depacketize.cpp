@@ -9,7 +9,9 @@
 // packets have sequence numbers seq - NNN .. seq - NNN + L; otherwise the
 // packet's own frames. A packet fills its frames' slots and marks the rest of
 // its group as expected. The frame at the play position is yielded when it
-// is filled, or once a frame `window` slots later is filled (or on drain):
+// is filled, or once a frame `window` slots later is filled (or on drain);
+// the first frame always waits for the window to fill (the initial playout
+// delay, so that packets overtaking the first one still play):
 //  - a filled slot yields its frame;
 //  - an expected slot (its packet never came) yields an erasure;
 //  - an unknown slot lies between groups: blank (suppressed silence) when no
@@ -219,7 +221,8 @@ extern "C" int32_t kevrc_rtp_depacketizer_pull(kevrc_rtp_depacketizer *d, int32_
   if (d == nullptr || frame == nullptr) return KEVRC_RTP_ERR_ARG;
   if (!pending(d)) return 0;
   Slot &s = slot_at(d, d->play_index);
-  if (s.state != kFilled && !drain && d->newest_filled < d->play_index + d->config.window) return 0;
+  const bool window_full = d->newest_filled >= d->play_index + d->config.window;
+  if (!drain && !window_full && (s.state != kFilled || !d->yielded)) return 0;
   *frame = {};
   frame->timestamp = d->play_ts;
   if (s.state == kFilled) {

@@ -185,7 +185,8 @@ int32_t kevrc_rtp_depacketizer_push(kevrc_rtp_depacketizer *depacketizer, const 
                                     int32_t length);
 /* Yields the next frame in play order into *frame. Returns 1 for a frame, 0
  * when the next frame is not decided yet (it may still arrive within the
- * window), or a negative status. With drain non-zero (end of stream), every
+ * window; the first frame waits until a frame `window` frames later has
+ * arrived: the initial playout delay), or a negative status. With drain non-zero (end of stream), every
  * frame up to the newest known one is yielded without waiting. */
 int32_t kevrc_rtp_depacketizer_pull(kevrc_rtp_depacketizer *depacketizer, int32_t drain,
                                     kevrc_rtp_frame *frame);
