@@ -11,9 +11,11 @@
 // end of a stream (padding of the last interleave group) are dropped.
 #include "tools/kevrc/rtp_capture.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 namespace kevrc::tool {
 
@@ -94,11 +96,16 @@ struct Decoding {
   int64_t first_timestamp = -1, frames = -1;
 };
 
+// Frames that may still be written: all, or up to the expected count.
+int64_t room(const Decoding &d, int64_t count) {
+  return d.frames < 0 ? count : std::min(count, d.frames - d.report.frames_written);
+}
+
 // Writes `count` concealed frames.
 bool conceal(Decoding &d, int64_t count, std::string *error) {
   const kevrc_rtp_frame erasure = {KEVRC_RTP_RATE_ERASURE, 0, 0, 0, {}};
   int16_t pcm[KEVRC_FRAME_SAMPLES];
-  for (; count > 0; --count, ++d.report.frames_written) {
+  for (count = room(d, count); count > 0; --count, ++d.report.frames_written) {
     decode_rtp_frame(d.decoder.get(), erasure, pcm);
     if (!d.sink(pcm, error)) return false;
   }
@@ -113,7 +120,7 @@ bool emit(Decoding &d, const kevrc_rtp_frame &frame, std::string *error) {
   if (frame.rate == KEVRC_RTP_RATE_BLANK) return ++d.pending_blanks, true;
   if (!conceal(d, d.pending_blanks, error)) return false;
   d.pending_blanks = 0;
-  if (d.frames >= 0 && d.report.frames_written >= d.frames) return true;
+  if (room(d, 1) < 1) return true;
   int16_t pcm[KEVRC_FRAME_SAMPLES];
   decode_rtp_frame(d.decoder.get(), frame, pcm);
   ++d.report.frames_written;
