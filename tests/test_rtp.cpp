@@ -3,14 +3,23 @@
 //
 // RTP payloads: packer to depacketizer round trips for each format, and what
 // loss, reordering, duplicates, late packets, wrap-around, silence gaps and
-// invalid packets yield. Play-out is written as one character per frame:
-// the rate code, 'E' for an erasure.
+// invalid packets yield (play-out is written as one character per frame:
+// the rate code, 'E' for an erasure); a capture round trip; a live stream
+// over loopback UDP.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "api/kevrc.h"
 #include "kevrc/kevrc_rtp.h"
 
 namespace {
@@ -268,3 +277,86 @@ TEST(RtpCapture, WriteThenReadBack) {
 
 }  // namespace
 #endif
+
+
+namespace {
+
+// Live on loopback: 2 s of a tone are encoded, sent as bundled RTP over UDP
+// to 127.0.0.1 (an ephemeral port) at 10 times real time, received by a
+// second thread (2 s receive timeout, so it always ends), depacketized and
+// decoded frame by frame.
+TEST(RtpLive, LoopbackSendReceiveDecode) {
+  const int rx = socket(AF_INET, SOCK_DGRAM, 0), tx = socket(AF_INET, SOCK_DGRAM, 0);
+  ASSERT_GE(rx, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  ASSERT_EQ(bind(rx, reinterpret_cast<sockaddr *>(&addr), len), 0);
+  ASSERT_EQ(getsockname(rx, reinterpret_cast<sockaddr *>(&addr), &len), 0);
+  const timeval timeout = {2, 0};
+  setsockopt(rx, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  constexpr int kFrames = 100;
+  int decoded = 0;
+  kevrc_rtp_counters counters{};
+  std::thread receiver([&] {
+    const kevrc_rtp_depacketizer_config cfg = {KEVRC_RTP_FORMAT_INTERLEAVED, 97, 8};
+    kevrc_rtp_depacketizer *d = kevrc_rtp_depacketizer_create(&cfg, nullptr);
+    const kevrcd_config dc = {1, 0, 0, 0, 1};
+    kevrcd_instance *dec = kevrcd_create(&dc, nullptr);
+    uint8_t buf[KEVRC_RTP_MAX_PACKET_BYTES];
+    auto decode_ready = [&](int32_t drain) {
+      for (kevrc_rtp_frame f; kevrc_rtp_depacketizer_pull(d, drain, &f) == 1; ++decoded) {
+        uint8_t packet[KEVRC_MAX_PACKET_BYTES] = {static_cast<uint8_t>(f.rate)};
+        std::copy(f.payload, f.payload + f.bytes, packet + 1);
+        int16_t pcm[KEVRC_FRAME_SAMPLES];
+        kevrc_bitstream_buffer in = {packet, 0, 1 + f.bytes};
+        kevrc_pcm_buffer out = {};
+        out.data[0] = pcm;
+        kevrcd_result result;
+        EXPECT_EQ(kevrcd_decode(dec, &in, &out, &result), KEVRC_OK);
+      }
+    };
+    for (int packets = 0; packets < kFrames / 2; ++packets) {  // a receive timeout ends it early
+      const ssize_t n = recv(rx, buf, sizeof buf, 0);
+      if (n <= 0) break;
+      kevrc_rtp_depacketizer_push(d, buf, static_cast<int32_t>(n));
+      decode_ready(0);
+    }
+    decode_ready(1);
+    kevrc_rtp_depacketizer_counters(d, &counters);
+    kevrcd_delete(dec);
+    kevrc_rtp_depacketizer_delete(d);
+  });
+  const kevrce_config ec = {KEVRC_RATE_FULL, KEVRC_RATE_EIGHTH, 0, 1};
+  kevrce_instance *enc = kevrce_create(&ec, nullptr);
+  const kevrc_rtp_packer_config pc = interleaved(2, 0);
+  kevrc_rtp_packer *p = kevrc_rtp_packer_create(&pc, nullptr);
+  for (int i = 0; i < kFrames; ++i) {
+    int16_t pcm[KEVRC_FRAME_SAMPLES];
+    for (int n = 0; n < KEVRC_FRAME_SAMPLES; ++n)
+      pcm[n] = static_cast<int16_t>(8000 * std::sin(0.3 * (i * KEVRC_FRAME_SAMPLES + n)));
+    uint8_t payload[KEVRC_ENCODER_BUFFER_BYTES];
+    kevrc_pcm_buffer in = {};
+    in.data[0] = pcm;
+    in.samples[0] = KEVRC_FRAME_SAMPLES;
+    kevrc_bitstream_buffer out = {payload, 0, sizeof payload};
+    kevrce_result r;
+    ASSERT_EQ(kevrce_encode(enc, &in, &out, &r), KEVRC_OK);
+    kevrc_rtp_packer_push(p, r.rate, payload, r.bytes);
+    uint8_t packet[KEVRC_RTP_MAX_PACKET_BYTES];
+    for (int32_t n; (n = kevrc_rtp_packer_pull(p, packet, sizeof packet, nullptr)) > 0;) {
+      sendto(tx, packet, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+      std::this_thread::sleep_for(std::chrono::milliseconds(4));  // 40 ms of audio per packet
+    }
+  }
+  receiver.join();
+  kevrc_rtp_packer_delete(p);
+  kevrce_delete(enc);
+  close(tx);
+  close(rx);
+  EXPECT_EQ(decoded, kFrames);
+  EXPECT_EQ(counters.lost + counters.erasures, 0);
+}
+
+}  // namespace
