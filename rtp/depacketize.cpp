@@ -201,6 +201,7 @@ extern "C" int32_t kevrc_rtp_depacketizer_push(kevrc_rtp_depacketizer *d, const 
     if (pending(d)) return KEVRC_RTP_ERR_JUMP;
     ++d->counters.resyncs;
     move_play(d, g.base_ts);
+    d->newest_index = d->newest_filled = d->play_index - 1;  // nothing pending before the new start
   } else if (overtaken) {
     move_play(d, g.base_ts);
   }

@@ -72,7 +72,11 @@ std::string play(int32_t format, const std::vector<Packet> &packets, const Frame
     }
   };
   for (const Packet &p : packets) {
-    const int32_t s = kevrc_rtp_depacketizer_push(d, p.data(), static_cast<int32_t>(p.size()));
+    int32_t s = kevrc_rtp_depacketizer_push(d, p.data(), static_cast<int32_t>(p.size()));
+    if (s == KEVRC_RTP_ERR_JUMP) {
+      pull(1);
+      s = kevrc_rtp_depacketizer_push(d, p.data(), static_cast<int32_t>(p.size()));
+    }
     if (last_status != nullptr) *last_status = s;
     pull(0);
   }
@@ -157,6 +161,17 @@ TEST(Rtp, SequenceAndTimestampWrapAround) {
   EXPECT_EQ(play(KEVRC_RTP_FORMAT_INTERLEAVED, packets, f, 4, &c), "4444444E444444444444");
   EXPECT_EQ(c.lost, 1);
   EXPECT_EQ(c.resyncs, 0);
+}
+
+// A timestamp half a cycle away (either way) restarts play there, once the
+// frames before it are drained; no gap is filled.
+TEST(Rtp, WildTimestampRestartsPlay) {
+  const Frames f{"4", 6};
+  std::vector<Packet> packets = pack(interleaved(1, 0), f);
+  packets[3][4] ^= 0x80;
+  kevrc_rtp_counters c;
+  EXPECT_EQ(play(KEVRC_RTP_FORMAT_INTERLEAVED, packets, f, 4, &c), "444444");
+  EXPECT_EQ(c.resyncs, 2);
 }
 
 TEST(Rtp, TimestampGapWithoutSequenceGapIsSilence) {
