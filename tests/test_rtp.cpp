@@ -19,8 +19,8 @@
 #include <thread>
 #include <vector>
 
-#include "api/kevrc.h"
 #include "kevrc/kevrc_rtp.h"
+#include "tests/test_util.h"
 
 namespace {
 
@@ -317,19 +317,13 @@ TEST(RtpLive, LoopbackSendReceiveDecode) {
   std::thread receiver([&] {
     const kevrc_rtp_depacketizer_config cfg = {KEVRC_RTP_FORMAT_INTERLEAVED, 97, 8};
     kevrc_rtp_depacketizer *d = kevrc_rtp_depacketizer_create(&cfg, nullptr);
-    const kevrcd_config dc = {1, 0, 0, 0, 1};
-    kevrcd_instance *dec = kevrcd_create(&dc, nullptr);
+    kevrc::testing::Decoder dec;
     uint8_t buf[KEVRC_RTP_MAX_PACKET_BYTES];
     auto decode_ready = [&](int32_t drain) {
       for (kevrc_rtp_frame f; kevrc_rtp_depacketizer_pull(d, drain, &f) == 1; ++decoded) {
-        uint8_t packet[KEVRC_MAX_PACKET_BYTES] = {static_cast<uint8_t>(f.rate)};
-        std::copy(f.payload, f.payload + f.bytes, packet + 1);
-        int16_t pcm[KEVRC_FRAME_SAMPLES];
-        kevrc_bitstream_buffer in = {packet, 0, 1 + f.bytes};
-        kevrc_pcm_buffer out = {};
-        out.data[0] = pcm;
-        kevrcd_result result;
-        EXPECT_EQ(kevrcd_decode(dec, &in, &out, &result), KEVRC_OK);
+        Packet packet{static_cast<uint8_t>(f.rate)};
+        packet.insert(packet.end(), f.payload, f.payload + f.bytes);
+        EXPECT_EQ(dec.decode(packet).status, KEVRC_OK);
       }
     };
     for (int packets = 0; packets < kFrames / 2; ++packets) {  // a receive timeout ends it early
@@ -340,25 +334,18 @@ TEST(RtpLive, LoopbackSendReceiveDecode) {
     }
     decode_ready(1);
     kevrc_rtp_depacketizer_counters(d, &counters);
-    kevrcd_delete(dec);
     kevrc_rtp_depacketizer_delete(d);
   });
-  const kevrce_config ec = {KEVRC_RATE_FULL, KEVRC_RATE_EIGHTH, 0, 1};
-  kevrce_instance *enc = kevrce_create(&ec, nullptr);
+  kevrc::testing::Encoder enc({KEVRC_RATE_FULL, KEVRC_RATE_EIGHTH, 0, 1});
   const kevrc_rtp_packer_config pc = interleaved(2, 0);
   kevrc_rtp_packer *p = kevrc_rtp_packer_create(&pc, nullptr);
   for (int i = 0; i < kFrames; ++i) {
     int16_t pcm[KEVRC_FRAME_SAMPLES];
     for (int n = 0; n < KEVRC_FRAME_SAMPLES; ++n)
       pcm[n] = static_cast<int16_t>(8000 * std::sin(0.3 * (i * KEVRC_FRAME_SAMPLES + n)));
-    uint8_t payload[KEVRC_ENCODER_BUFFER_BYTES];
-    kevrc_pcm_buffer in = {};
-    in.data[0] = pcm;
-    in.samples[0] = KEVRC_FRAME_SAMPLES;
-    kevrc_bitstream_buffer out = {payload, 0, sizeof payload};
-    kevrce_result r;
-    ASSERT_EQ(kevrce_encode(enc, &in, &out, &r), KEVRC_OK);
-    kevrc_rtp_packer_push(p, r.rate, payload, r.bytes);
+    const kevrc::testing::Encoder::Frame e = enc.encode(pcm);
+    EXPECT_EQ(e.status, KEVRC_OK);  // no ASSERT: the receiver thread must be joined
+    kevrc_rtp_packer_push(p, e.result.rate, e.payload.data(), e.result.bytes);
     uint8_t packet[KEVRC_RTP_MAX_PACKET_BYTES];
     for (int32_t n; (n = kevrc_rtp_packer_pull(p, packet, sizeof packet, nullptr)) > 0;) {
       sendto(tx, packet, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
@@ -367,7 +354,6 @@ TEST(RtpLive, LoopbackSendReceiveDecode) {
   }
   receiver.join();
   kevrc_rtp_packer_delete(p);
-  kevrce_delete(enc);
   close(tx);
   close(rx);
   EXPECT_EQ(decoded, kFrames);
