@@ -228,10 +228,11 @@ int info_capture(const std::string &path, int32_t payload_type, CaptureInfo *inf
 }
 
 int decode_capture(const DecodeCaptureOptions &opt, const SinkOpener &open_sink, std::string *error,
-                   std::vector<DecodedStream> *report) {
+                   std::vector<DecodedStream> *report, CaptureInfo *capture) {
   if (opt.in == "-") return fail(error, "decoding a capture needs a file, not standard input (it is read twice)");
   CaptureInfo info;
   if (info_capture(opt.in, opt.payload_type, &info, error) != 0) return 1;
+  if (capture != nullptr) *capture = info;
   std::vector<Decoding> chosen;
   for (const CaptureStreamInfo &s : info.streams)
     if (s.stream.format >= 0 && (opt.ssrc < 0 || s.stream.ssrc == opt.ssrc)) chosen.emplace_back().report.info = s;

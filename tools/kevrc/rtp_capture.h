@@ -15,11 +15,15 @@
 //    Ethernet/IPv4/UDP/RTP capture to opt.out (written in place: pass the
 //    temporary path of write_atomically). Capture times start at
 //    opt.start_time_us and are 20 ms x frames per packet apart.
-//  decode_capture(opt, open_sink, error, report): finds the streams of this
-//    codec (opt.payload_type, or by payload structure), decodes the one with
-//    opt.ssrc or every one, and hands each stream's frames in play order to
-//    the sink that open_sink returns for it (called once per stream, before
-//    its first frame). Lost frames are concealed; suppressed silence too.
+//  decode_capture(opt, open_sink, error, report, capture): finds the
+//    streams of this codec (opt.payload_type, or by payload structure),
+//    decodes the one with opt.ssrc or every one, and hands each stream's
+//    frames in play order to the sink that open_sink returns for it (called
+//    once per stream, before its first frame). Lost frames and suppressed
+//    silence are concealed. report (optional) gets each decoded stream's
+//    counters, capture (optional) the capture's streams and skipped-record
+//    counters (print capture_warnings(capture->counters) and
+//    capture->read_error).
 //  info_capture(path, payload_type, info, error): lists every RTP stream.
 //  print_capture_info(info, out): prints that list as a table.
 //  capture_warnings(counters): one line per kind of record skipped.
@@ -97,7 +101,7 @@ using SinkOpener = std::function<FrameSink(const CaptureStreamInfo &stream, std:
 
 int encode_to_capture(const EncodeToCaptureOptions &opt, const FrameSource &source, std::string *error);
 int decode_capture(const DecodeCaptureOptions &opt, const SinkOpener &open_sink, std::string *error,
-                   std::vector<DecodedStream> *report = nullptr);
+                   std::vector<DecodedStream> *report = nullptr, CaptureInfo *capture = nullptr);
 int info_capture(const std::string &path, int32_t payload_type, CaptureInfo *info, std::string *error);
 void print_capture_info(const CaptureInfo &info, std::FILE *out);
 std::vector<std::string> capture_warnings(const kevrc_cap_counters &counters);
