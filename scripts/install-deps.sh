@@ -7,7 +7,7 @@
 #     --corpus  adds the speech recordings the training and measurement
 #               tools read (asterisk-core-sounds-{en,es,fr,it}-wav)
 set -eu
-packages="build-essential cmake ninja-build pkg-config libsndfile1-dev libsoxr-dev libgtest-dev"
+packages="build-essential cmake ninja-build pkg-config libsndfile1-dev libsoxr-dev libpcap-dev libgtest-dev"
 for arg in "$@"; do
   case "$arg" in
     --test) packages="$packages clang libclang-rt-14-dev groff-base" ;;

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
+//
+// Objective distance between a decoded signal and its reference: delay,
+// cross-correlation, segmental SNR, log-spectral distance, mel-cepstral
+// distortion and local-alignment jitter over the active frames. The
+// definitions of each figure are in tools/quality.cpp's opening comment.
+//
+//  compare_signals(r, d, filter_reference, fig): r the reference and d the
+//    decoded signal (in, 8 kHz, 16-bit units); with filter_reference the
+//    reference first passes the codec's input high-pass. fig (out) gets the
+//    figures. Returns false when there are no active frames to compare.
+#pragma once
+
+#include <vector>
+
+namespace kevrc::quality {
+
+struct Figures {
+  int delay = 0;
+  double xcorr = 0;
+  double segsnr = 0, lsd = 0, mcd = 0;
+  double jitter = 0;
+  long frames = 0;
+};
+
+bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_reference, Figures &fig);
+
+}  // namespace kevrc::quality
