@@ -6,10 +6,10 @@
 # both builds (the end-to-end tests read held-out speech from the corpus
 # packages it installs); then builds the fuzzers with clang and runs each
 # briefly. Prints each stage's duration and a summary at the end.
-#   test.sh [FUZZ_SECONDS]   (seconds per fuzzer, default 45; 0 skips them)
+#   test.sh [FUZZ_SECONDS]   (seconds per fuzzer, default 40; 0 skips them)
 set -eu
 cd "$(dirname "$0")/.."
-fuzz_seconds=${1:-45}
+fuzz_seconds=${1:-40}
 jobs=$(nproc 2>/dev/null || echo 2)
 summary=""
 stage_start=0
@@ -115,6 +115,9 @@ if [ "$fuzz_seconds" -gt 0 ] && command -v clang++ >/dev/null 2>&1; then
   build/tools/make_test_audio signal voice 8000 1 2 build-fuzz/voice.wav
   build/tools/kevrc encode -q build-fuzz/voice.wav build-fuzz/seeds_storage/voice.evrc
   build/tools/kevrc encode -q build-fuzz/voice.wav build-fuzz/seeds_qcp/voice.qcp
+  # Depacketizer and capture seeds.
+  mkdir -p build-fuzz/seeds_rtp/rtp build-fuzz/seeds_rtp/capture
+  build-fuzz/fuzz/make_seeds build-fuzz/seeds_rtp
   end
 
   begin "fuzzers, ${fuzz_seconds} s each"
@@ -122,7 +125,9 @@ if [ "$fuzz_seconds" -gt 0 ] && command -v clang++ >/dev/null 2>&1; then
     fuzz_decoder 2048 build-fuzz/seeds_decoder \
     fuzz_encoder 16100 build-fuzz/seeds_encoder \
     fuzz_storage 2048 build-fuzz/seeds_storage \
-    fuzz_qcp 4096 build-fuzz/seeds_qcp
+    fuzz_qcp 4096 build-fuzz/seeds_qcp \
+    fuzz_rtp 4096 build-fuzz/seeds_rtp/rtp \
+    fuzz_capture 8192 build-fuzz/seeds_rtp/capture
   end
 fi
 

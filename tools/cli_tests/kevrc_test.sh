@@ -3,7 +3,7 @@
 # Copyright (c) the kevrc authors
 # Smoke tests of the kevrc tool, one case per run:
 #   kevrc_test.sh CASE KEVRC MAKE_TEST_AUDIO WORKDIR
-# Cases: roundtrip (both packet formats, pipes), outputs (same file, symlink,
+# Cases: roundtrip (both packet formats, an RTP capture, pipes), outputs (same file, symlink,
 # FIFO, signal), bad_inputs (a table: exit status, one-line message, nothing
 # left behind), batch (equal to one-file runs).
 set -u
@@ -35,6 +35,8 @@ case_roundtrip() {
   check "decode to a pipe gives AU" '"$kevrc" decode a.evrc - | cat >p.au && "$kevrc" info p.au | grep -q "AU.*16 bit"'
   check "decode -r 16000 -c 2" '"$kevrc" decode -r 16000 -c 2 a.evrc s.flac && "$kevrc" info --json s.flac | grep -q "16000, .channels.: 2, .frames.: 16320"'
   check "mu-law raw round trip" '"$kevrc" decode a.evrc a.ul && "$kevrc" encode a.ul u.evrc && [ $(wc -c <a.ul) = 8160 ]'
+  check "RTP capture: one interleaved stream, same length" '"$kevrc" encode --rtp interleaved --bundle 3 --interleave 2 --pt 98 in.wav c.pcap &&
+    "$kevrc" info c.pcap | grep -q " 98 interleaved " && "$kevrc" decode c.pcap c.wav && [ "$(frames c.wav)" = 8160 ]'
 }
 
 case_outputs() {

@@ -34,7 +34,10 @@ constexpr OptionSpec kOptions[] = {
     {"--min-rate", 0, true, kEncode},                 {"--max-rate", 0, true, kEncode},
     {"--ns", 0, false, kEncode},                      {"--no-ns", 0, false, kEncode},
     {"--no-postfilter", 0, false, kDecode},           {"--strict", 0, false, kDecode | kInfo},
-    {"--json", 0, false, kInfo}};
+    {"--json", 0, false, kInfo},                      {"--rtp", 0, true, kEncode},
+    {"--bundle", 0, true, kEncode},                   {"--interleave", 0, true, kEncode},
+    {"--dst", 0, true, kEncode},                      {"--pt", 0, true, kEncode | kDecode | kInfo},
+    {"--ssrc", 0, true, kDecode}};
 
 const char *command_name(Command c) { return c == kEncode ? "encode" : c == kDecode ? "decode" : "info"; }
 
@@ -71,7 +74,8 @@ bool apply(const std::string &name, const std::string &value, Options &opt) {
   else if (name == "--channels") return parse_int(name, value, 1, kMaxChannels, &n) && (opt.audio.channels = static_cast<int>(n), true);
   else if (name == "--encoding") opt.audio.encoding = value;
   else if (name == "--format") {
-    if (value != "storage" && value != "qcp") return usage_error("--format: expected storage or qcp, got '" + value + "'"), false;
+    if (value != "storage" && value != "qcp" && value != "pcap")
+      return usage_error("--format: expected storage, qcp or pcap, got '" + value + "'"), false;
     opt.format = value;
   } else if (name == "--min-rate") return parse_int(name, value, 1, 4, &n) && (opt.min_rate = static_cast<int>(n), true);
   else if (name == "--max-rate") return parse_int(name, value, 1, 4, &n) && (opt.max_rate = static_cast<int>(n), true);
@@ -79,6 +83,22 @@ bool apply(const std::string &name, const std::string &value, Options &opt) {
   else if (name == "--no-postfilter") opt.postfilter = false;
   else if (name == "--strict") opt.strict = true;
   else if (name == "--json") opt.json = true;
+  else if (name == "--rtp") {
+    if (value != "header-free" && value != "interleaved")
+      return usage_error("--rtp: expected header-free or interleaved, got '" + value + "'"), false;
+    opt.interleaved = value == "interleaved";
+  } else if (name == "--bundle") return parse_int(name, value, 1, 32, &n) && (opt.bundle = static_cast<int>(n), true);
+  else if (name == "--interleave") return parse_int(name, value, 0, 7, &n) && (opt.interleave = static_cast<int>(n), true);
+  else if (name == "--pt") return parse_int(name, value, 0, 127, &n) && (opt.payload_type = static_cast<int>(n), true);
+  else if (name == "--dst") opt.dst = value;
+  else if (name == "--ssrc") {
+    char *end = nullptr;
+    errno = 0;
+    const long long v = std::strtoll(value.c_str(), &end, 0);
+    if (value.empty() || *end != '\0' || errno != 0 || v < 0 || v > 0xFFFFFFFFll)
+      return usage_error("--ssrc: expected a 32-bit number (0x... for hex), got '" + value + "'"), false;
+    opt.ssrc = v;
+  }
   return true;
 }
 

@@ -41,8 +41,15 @@ struct Options {
   AudioLayout audio;
   int min_rate = 1, max_rate = 4;
   bool noise_suppression = true;
-  std::string format;  // encode: "storage", "qcp" or "" (by extension)
+  std::string format;  // encode: "storage", "qcp", "pcap" or "" (by extension)
   bool postfilter = true;
+  // RTP captures: encode to a capture, decode or list one.
+  bool interleaved = false;  // --rtp header-free|interleaved
+  int bundle = 1;            // --bundle N: frames per packet
+  int interleave = 0;        // --interleave L
+  int payload_type = -1;     // --pt N: 97 on encode, by payload structure otherwise
+  std::string dst;           // --dst IP:PORT
+  int64_t ssrc = -1;         // --ssrc X: decode that stream only
 };
 
 ParseResult parse_options(Command command, int argc, char **argv, Options &opt);

@@ -11,31 +11,39 @@
 // or an unknown octet) is a warning, or an error with --strict. The output
 // is 16-bit audio at 8000 Hz unless --rate / --channels / --type /
 // --encoding (or the output name) say otherwise.
+//
+// A capture (pcap or pcapng, told apart by content) is decoded stream by
+// stream: the RTP streams of this codec (--pt, or found by their payload
+// structure), or the one --ssrc names, each to OUT, or to OUT-SSRC.ext when
+// there are several. Lost frames are concealed and suppressed silence is
+// filled in.
 #include <unistd.h>
 
 #include <cstring>
+#include <memory>
+#include <vector>
 
 #include <kevrc/kevrc.h>
 #include "kevrc/kevrc_formats.h"
 #include "tools/kevrc/cli.h"
 #include "tools/kevrc/commands.h"
+#include "tools/kevrc/rtp_capture.h"
 #include "tools/support/progress.h"
 #include "tools/support/safe_output.h"
 
 namespace kevrc::tool {
 namespace {
 
-// One frame of speech; frames the decoder rejects (damaged parameters) come
-// out as it leaves them, so that the timing of the file is kept.
+// One frame of speech, or a concealed one for a blank, erased or cut-off
+// record; frames the decoder rejects (damaged parameters) come out as it
+// leaves them, so that the timing of the file is kept.
 bool decode_frame(kevrcd_instance *dec, const kevrcf_packet &p, int16_t *pcm, std::string &error) {
-  uint8_t concealed[KEVRC_MAX_PACKET_BYTES] = {KEVRC_RATE_FULL};
-  const bool speech = p.kind == KEVRCF_SPEECH;
-  kevrc_bitstream_buffer in = {speech ? const_cast<uint8_t *>(p.data) : concealed, 0,
-                               speech ? p.size : KEVRC_MAX_PACKET_BYTES};
+  kevrc_bitstream_buffer in = {const_cast<uint8_t *>(p.data), 0, p.size};
   kevrc_pcm_buffer out = {};
   out.data[0] = pcm;
   kevrcd_result result;
-  const int32_t status = kevrcd_decode(dec, &in, &out, &result);
+  const int32_t status = p.kind == KEVRCF_SPEECH ? kevrcd_decode(dec, &in, &out, &result)
+                                                 : kevrcd_conceal(dec, &out, &result);
   if (status == KEVRC_OK || status == KEVRC_ERR_LSP || status == KEVRC_ERR_NOMEM) return true;
   error = std::string("decoder failed: ") + kevrc_strerror(status);
   return false;
@@ -65,7 +73,49 @@ void print_stats(const std::string &in, const std::string &out, const kevrcf_rea
                static_cast<unsigned long long>(s.erasure), seconds, seconds > 0 ? audio / seconds : 0.0);
 }
 
+// One decoded stream of a capture: its output file and audio writer.
+struct StreamOutput {
+  SafeOutput file;
+  AudioWriter audio;
+};
+
+bool decode_capture_file(const Options &opt, const std::string &in, const std::string &out) {
+  DecodeCaptureOptions c;
+  c.in = in;
+  c.payload_type = opt.payload_type;
+  c.ssrc = opt.ssrc;
+  c.postfilter = opt.postfilter;
+  std::vector<std::unique_ptr<StreamOutput>> outputs;
+  std::vector<std::string> names;
+  size_t streams = 0;
+  CaptureInfo info;
+  std::string error;
+  if (info_capture(in, opt.payload_type, &info, &error) != 0) return fail(error);
+  for (const CaptureStreamInfo &s : info.streams)
+    streams += s.stream.format >= 0 && (opt.ssrc < 0 || s.stream.ssrc == opt.ssrc);
+  const auto open_sink = [&](const CaptureStreamInfo &s, std::string *message) -> FrameSink {
+    names.push_back(stream_output_path(out, s.stream.ssrc, streams));
+    auto &o = outputs.emplace_back(std::make_unique<StreamOutput>());
+    if (!o->file.open(names.back(), in, *message) || !o->audio.open(o->file.fd(), names.back(), opt.audio, *message))
+      return {};
+    return [&audio = o->audio](const int16_t *pcm, std::string *e) { return audio.write(pcm, KEVRC_FRAME_SAMPLES, *e); };
+  };
+  bool ok = decode_capture(c, open_sink, &error, nullptr, &info) == 0;
+  for (size_t i = 0; ok && i < outputs.size(); ++i)
+    ok = outputs[i]->audio.finish(error) && outputs[i]->file.commit(error);
+  if (!ok) {
+    for (auto &o : outputs) o->file.abandon();
+    return fail_coding(in, out, error);
+  }
+  for (const std::string &w : capture_warnings(info.counters)) warn(opt, in + ": " + w);
+  if (!info.read_error.empty()) warn(opt, in + ": " + info.read_error);
+  if (opt.verbose)
+    for (const std::string &name : names) std::fprintf(stderr, "kevrc: %s -> %s\n", in.c_str(), name.c_str());
+  return true;
+}
+
 bool decode_file(const Options &opt, const std::string &in, const std::string &out, bool single) {
+  if (is_capture(in)) return decode_capture_file(opt, in, out);
   std::string error;
   ByteSource source;
   if (!source.open(in, error)) return fail(error);

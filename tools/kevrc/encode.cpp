@@ -2,7 +2,8 @@
 // Copyright (c) the kevrc authors
 //
 // kevrc encode: audio in (any libsndfile format, raw, "-"), packet file out
-// (storage format or QCP, "-"), streamed block by block.
+// (storage format or QCP, "-") or an RTP capture (.pcap, --format pcap),
+// streamed block by block.
 //
 // The input is averaged over its channels, resampled to 8000 Hz and rounded
 // to 16 bits; every 160 samples become one packet, the last partial frame
@@ -18,16 +19,25 @@
 #include "kevrc/kevrc_formats.h"
 #include "tools/kevrc/cli.h"
 #include "tools/kevrc/commands.h"
+#include "tools/kevrc/rtp_capture.h"
 #include "tools/support/progress.h"
 #include "tools/support/safe_output.h"
 
 namespace kevrc::tool {
 namespace {
 
+bool has_extension(const std::string &path, const char *extension) {
+  const size_t n = path.size(), e = std::strlen(extension);
+  return n >= e && strcasecmp(path.c_str() + n - e, extension) == 0;
+}
+
+bool writes_capture(const Options &opt, const std::string &out) {
+  return opt.format == "pcap" || (opt.format.empty() && has_extension(out, ".pcap"));
+}
+
 int32_t format_of(const Options &opt, const std::string &out) {
   if (!opt.format.empty()) return opt.format == "qcp" ? KEVRCF_FORMAT_QCP : KEVRCF_FORMAT_STORAGE;
-  const size_t n = out.size();
-  return n >= 4 && strcasecmp(out.c_str() + n - 4, ".qcp") == 0 ? KEVRCF_FORMAT_QCP : KEVRCF_FORMAT_STORAGE;
+  return has_extension(out, ".qcp") ? KEVRCF_FORMAT_QCP : KEVRCF_FORMAT_STORAGE;
 }
 
 // The packet file being written: writer state, byte sink, rate counts.
@@ -85,7 +95,59 @@ void print_stats(const std::string &in, const std::string &out, const PacketOutp
                seconds > 0 ? audio / seconds : 0.0);
 }
 
+// Feeds the reader's samples to code_frame 160 at a time, the last partial
+// frame padded with zeros; after each block, progress(). False as soon as
+// reading or code_frame fails.
+template <typename CodeFrame, typename OnBlock>
+bool pump_frames(AudioReader &reader, CodeFrame code_frame, OnBlock progress, std::string &error) {
+  int16_t frame[KEVRC_FRAME_SAMPLES];
+  size_t fill = 0;
+  const auto sink = [&](const int16_t *x, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+      frame[fill++] = x[i];
+      if (fill == KEVRC_FRAME_SAMPLES && !code_frame(frame)) return false;
+      fill %= KEVRC_FRAME_SAMPLES;
+    }
+    progress();
+    return true;
+  };
+  if (!reader.pump(sink, error)) return false;
+  if (fill == 0) return true;
+  std::memset(frame + fill, 0, (KEVRC_FRAME_SAMPLES - fill) * sizeof frame[0]);
+  return code_frame(frame);
+}
+
+// The capture form: RTP packets (--rtp, --bundle, --interleave, --pt) in an
+// Ethernet/IPv4/UDP capture addressed to --dst.
+bool encode_capture_file(const Options &opt, const std::string &in, const std::string &out) {
+  std::string error;
+  AudioReader reader;
+  SafeOutput output;
+  if (!reader.open(in, opt.audio, error) || !output.open(out, in, error)) return fail(error);
+  EncodeToCaptureOptions c;
+  c.out = "/dev/fd/" + std::to_string(output.fd());  // libpcap opens by name
+  c.format = opt.interleaved ? KEVRC_RTP_FORMAT_INTERLEAVED : KEVRC_RTP_FORMAT_HEADER_FREE;
+  c.bundle = opt.bundle;
+  c.interleave = opt.interleave;
+  if (opt.payload_type >= 0) c.payload_type = opt.payload_type;
+  if (!opt.dst.empty() &&
+      kevrc_cap_parse_endpoint(opt.dst.c_str(), &c.endpoints.dst_ip, &c.endpoints.dst_port) != KEVRC_CAP_OK)
+    return fail("--dst: expected IPv4:PORT, got '" + opt.dst + "'");
+  c.encoder = {opt.max_rate, opt.min_rate, 0, opt.noise_suppression ? 1 : 0};
+  CaptureEncoder encoder;
+  bool ok = encoder.open(c, &error) &&
+            pump_frames(reader, [&](int16_t *frame) { return encoder.add(frame, &error); }, [] {}, error);
+  std::string ignored;
+  ok = encoder.finish(ok ? &error : &ignored) && ok;
+  if (!ok || !output.commit(error)) {
+    output.abandon();
+    return fail_coding(in, out, error);
+  }
+  return true;
+}
+
 bool encode_file(const Options &opt, const std::string &in, const std::string &out, bool single) {
+  if (writes_capture(opt, out)) return encode_capture_file(opt, in, out);
   std::string error;
   AudioReader reader;
   SafeOutput output;
@@ -98,23 +160,14 @@ bool encode_file(const Options &opt, const std::string &in, const std::string &o
   kevrcf_writer_init(&packets.writer, format_of(opt, out));
   Progress progress(in, single && !opt.quiet && isatty(2));
   const double total = in == "-" ? -1 : static_cast<double>(reader.info().frames);
-  int16_t frame[KEVRC_FRAME_SAMPLES];
-  size_t fill = 0;
-  const auto sink = [&](const int16_t *x, size_t n) {
-    for (size_t i = 0; i < n; ++i) {
-      frame[fill++] = x[i];
-      if (fill == KEVRC_FRAME_SAMPLES && !encode_frame(enc, frame, packets, error)) return false;
-      fill %= KEVRC_FRAME_SAMPLES;
-    }
-    const double done = static_cast<double>(reader.frames_read());
-    progress.update(total > 0 ? done / total : -1, static_cast<double>(packets.writer.packets) / 50.0);
-    return true;
-  };
-  bool ok = packets.header(false) && reader.pump(sink, error);
-  if (ok && fill > 0) {
-    std::memset(frame + fill, 0, (KEVRC_FRAME_SAMPLES - fill) * sizeof frame[0]);
-    ok = encode_frame(enc, frame, packets, error);
-  }
+  bool ok = packets.header(false) &&
+            pump_frames(
+                reader, [&](int16_t *frame) { return encode_frame(enc, frame, packets, error); },
+                [&] {
+                  const double done = static_cast<double>(reader.frames_read());
+                  progress.update(total > 0 ? done / total : -1, static_cast<double>(packets.writer.packets) / 50.0);
+                },
+                error);
   kevrce_delete(enc);
   if (ok && !packets.finish(output.seekable())) ok = false;
   if (!ok || !output.commit(error)) {
@@ -131,7 +184,8 @@ bool encode_file(const Options &opt, const std::string &in, const std::string &o
 int command_encode(int argc, char **argv) {
   Options opt;
   if (const int status = parse_command(kEncode, argc, argv, opt); status >= 0) return status;
-  return run_files(opt, "encoded", opt.format == "qcp" ? "qcp" : "evrc", encode_file);
+  const std::string extension = opt.format == "qcp" || opt.format == "pcap" ? opt.format : "evrc";
+  return run_files(opt, "encoded", extension, encode_file);
 }
 
 }  // namespace kevrc::tool

@@ -4,16 +4,20 @@
 // kevrc info FILE...: what a file holds. Packet files (told apart by
 // content): format, frames, duration, rate histogram, bit rate of the speech
 // payload, blank, erasure and damaged counts. Other files: what libsndfile
-// reports (format, rate, channels, frames, duration). Text, or one JSON
-// array with --json. Exit status 1 when a file cannot be read (or, with
+// reports (format, rate, channels, frames, duration). Captures (pcap,
+// pcapng): their RTP streams (SSRC, addresses, payload type, this codec's
+// payload format, packets, lost, reordered, duplicates, duration) and the
+// records skipped. Text, or one JSON array with --json. Exit status 1 when a file cannot be read (or, with
 // --strict, is damaged).
 #include <sys/stat.h>
 
 #include <cstring>
+#include <functional>
 
 #include "kevrc/kevrc_formats.h"
 #include "tools/kevrc/cli.h"
 #include "tools/kevrc/commands.h"
+#include "tools/kevrc/rtp_capture.h"
 
 namespace kevrc::tool {
 namespace {
@@ -21,6 +25,7 @@ namespace {
 // Field name and value pairs of one file, printed as text or JSON.
 struct Report {
   std::vector<std::pair<std::string, std::string>> fields;  // value: JSON literal
+  std::function<void()> text_table;                          // printed after the fields as text
   void number(const char *name, double v, const char *fmt = "%.0f") {
     char buf[64];
     std::snprintf(buf, sizeof buf, fmt, v);
@@ -49,6 +54,7 @@ struct Report {
       else std::printf("  %-17s %s\n", name.c_str(), value[0] == '"' ? value.substr(1, value.size() - 2).c_str() : value.c_str());
     }
     if (json) std::printf("}");
+    if (!json && text_table) text_table();
   }
 };
 
@@ -94,9 +100,36 @@ bool audio_report(const std::string &path, Report &out, std::string &error) {
   return true;
 }
 
+bool capture_report(const Options &opt, const std::string &path, Report &out, std::string &error) {
+  CaptureInfo info;
+  if (info_capture(path, opt.payload_type, &info, &error) != 0) return false;
+  out.text("type", "RTP capture");
+  const kevrc_cap_counters &c = info.counters;
+  for (const auto &[name, count] : {std::pair{"records", c.records}, {"udp", c.udp}, {"non_ipv4", c.non_ipv4},
+                                    {"fragments", c.fragments}, {"not_udp", c.not_udp}, {"truncated", c.truncated}})
+    out.number(name, static_cast<double>(count));
+  std::string streams = "[";
+  for (const CaptureStreamInfo &i : info.streams) {
+    const kevrc_cap_stream &s = i.stream;
+    char item[256];
+    std::snprintf(item, sizeof item,
+                  "%s{\"ssrc\": %u, \"payload_type\": %d, \"format\": \"%s\", \"packets\": %lld, \"lost\": %lld, "
+                  "\"reordered\": %lld, \"duplicates\": %lld, \"duration\": %.2f}",
+                  streams.size() > 1 ? ", " : "", s.ssrc, s.payload_type,
+                  s.format == KEVRC_RTP_FORMAT_INTERLEAVED ? "interleaved" : s.format >= 0 ? "header-free" : "other",
+                  static_cast<long long>(s.packets), static_cast<long long>(s.lost),
+                  static_cast<long long>(s.reordered), static_cast<long long>(s.duplicates), i.duration_s);
+    streams += item;
+  }
+  if (opt.json) out.fields.emplace_back("streams", streams + "]");
+  else out.text_table = [info] { print_capture_info(info, stdout); };
+  return true;
+}
+
 // Fills out for one file; false with a message on failure.
 bool inspect(const Options &opt, const std::string &path, Report &out, std::string &error) {
   out.text("file", path);
+  if (is_capture(path)) return capture_report(opt, path, out, error);
   ByteSource source;
   if (!source.open(path, error)) return false;
   kevrcf_reader r;

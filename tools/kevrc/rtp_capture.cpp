@@ -28,24 +28,19 @@ int fail(std::string *error, const std::string &message) {
   return 1;
 }
 
-// The codec's concealment of a lost frame: a full-rate packet whose payload
-// is all zero.
+// The codec's concealment of a lost frame.
 int32_t conceal_frame(kevrcd_instance *decoder, int16_t *pcm) {
-  uint8_t packet[KEVRC_MAX_PACKET_BYTES] = {KEVRC_RATE_FULL};
-  kevrc_bitstream_buffer in = {packet, 0, KEVRC_MAX_PACKET_BYTES};
   kevrc_pcm_buffer out = {};
   out.data[0] = pcm;
   kevrcd_result result;
-  return kevrcd_decode(decoder, &in, &out, &result);
+  return kevrcd_conceal(decoder, &out, &result);
 }
 
 template <typename T, void (*Delete)(T *)>
 struct Deleter {
   void operator()(T *p) const { Delete(p); }
 };
-using Encoder = std::unique_ptr<kevrce_instance, Deleter<kevrce_instance, kevrce_delete>>;
 using Decoder = std::unique_ptr<kevrcd_instance, Deleter<kevrcd_instance, kevrcd_delete>>;
-using Packer = std::unique_ptr<kevrc_rtp_packer, Deleter<kevrc_rtp_packer, kevrc_rtp_packer_delete>>;
 using Depacketizer =
     std::unique_ptr<kevrc_rtp_depacketizer, Deleter<kevrc_rtp_depacketizer, kevrc_rtp_depacketizer_delete>>;
 using Reader = std::unique_ptr<kevrc_cap_reader, Deleter<kevrc_cap_reader, kevrc_cap_close>>;
@@ -180,26 +175,61 @@ int32_t decode_rtp_frame(kevrcd_instance *decoder, const kevrc_rtp_frame &frame,
   return kevrcd_decode(decoder, &in, &out, &result);
 }
 
-int encode_to_capture(const EncodeToCaptureOptions &opt, const FrameSource &source, std::string *error) {
+CaptureEncoder::~CaptureEncoder() {
+  if (writer_ != nullptr) kevrc_cap_writer_close(writer_);
+  kevrc_rtp_packer_delete(packer_);
+  kevrce_delete(encoder_);
+}
+
+bool CaptureEncoder::open(const EncodeToCaptureOptions &opt, std::string *error) {
   const kevrc_rtp_packer_config pc = {opt.format, opt.bundle, opt.interleave, 0, opt.payload_type,
                                       opt.ssrc, opt.first_sequence, opt.first_timestamp};
   int32_t err = 0;
-  Packer packer(kevrc_rtp_packer_create(&pc, &err));
-  if (!packer) return fail(error, "bad RTP options (--rtp, --bundle 1..32, --interleave 0..7, --pt 0..127)");
-  Encoder encoder(kevrce_create(&opt.encoder, &err));
-  if (!encoder) return fail(error, std::string("cannot create an encoder: ") + kevrc_strerror(err));
+  start_us_ = opt.start_time_us;
+  packer_ = kevrc_rtp_packer_create(&pc, &err);
+  if (packer_ == nullptr)
+    return fail(error, "bad RTP options (--rtp, --bundle 1..32, 1 for header-free, --interleave 0..7, --pt 0..127)"),
+           false;
+  encoder_ = kevrce_create(&opt.encoder, &err);
+  if (encoder_ == nullptr) return fail(error, std::string("cannot create an encoder: ") + kevrc_strerror(err)), false;
   char message[256] = "";
-  kevrc_cap_writer *writer = kevrc_cap_writer_open(opt.out.c_str(), &opt.endpoints, &err, message, sizeof message);
-  if (writer == nullptr) return fail(error, opt.out + ": " + message);
-  bool ok = true;
+  writer_ = kevrc_cap_writer_open(opt.out.c_str(), &opt.endpoints, &err, message, sizeof message);
+  if (writer_ == nullptr) return fail(error, opt.out + ": " + message), false;
+  return true;
+}
+
+bool CaptureEncoder::add(int16_t *frame, std::string *error) {
+  return encode_frame(encoder_, frame, packer_, error) && write_ready(packer_, writer_, start_us_, error);
+}
+
+bool CaptureEncoder::finish(std::string *error) {
+  if (packer_ == nullptr || writer_ == nullptr) return false;
+  bool ok = kevrc_rtp_packer_finish(packer_) == KEVRC_RTP_OK && write_ready(packer_, writer_, start_us_, error);
+  const int32_t closed = kevrc_cap_writer_close(writer_);
+  writer_ = nullptr;
+  if (closed != KEVRC_CAP_OK && ok) return fail(error, "capture write failed"), false;
+  return ok;
+}
+
+int encode_to_capture(const EncodeToCaptureOptions &opt, const FrameSource &source, std::string *error) {
+  CaptureEncoder encoder;
+  bool ok = encoder.open(opt, error);
   int16_t frame[KEVRC_FRAME_SAMPLES];
-  while (ok && source(frame))
-    ok = encode_frame(encoder.get(), frame, packer.get(), error) &&
-         write_ready(packer.get(), writer, opt.start_time_us, error);
-  ok = ok && kevrc_rtp_packer_finish(packer.get()) == KEVRC_RTP_OK &&
-       write_ready(packer.get(), writer, opt.start_time_us, error);
-  if (kevrc_cap_writer_close(writer) != KEVRC_CAP_OK && ok) return fail(error, opt.out + ": write failed");
-  return ok ? 0 : 1;
+  while (ok && source(frame)) ok = encoder.add(frame, error);
+  return ok && encoder.finish(error) ? 0 : 1;
+}
+
+bool is_capture(const std::string &path) {
+  static constexpr uint8_t kMagic[][4] = {{0xd4, 0xc3, 0xb2, 0xa1}, {0xa1, 0xb2, 0xc3, 0xd4}, {0x4d, 0x3c, 0xb2, 0xa1},
+                                          {0xa1, 0xb2, 0x3c, 0x4d}, {0x0a, 0x0d, 0x0d, 0x0a}};
+  uint8_t head[4] = {};
+  std::FILE *f = path == "-" ? nullptr : std::fopen(path.c_str(), "rb");
+  if (f == nullptr) return false;
+  const bool read = std::fread(head, 1, sizeof head, f) == sizeof head;
+  std::fclose(f);
+  for (const auto &m : kMagic)
+    if (read && std::memcmp(head, m, sizeof head) == 0) return true;
+  return false;
 }
 
 int info_capture(const std::string &path, int32_t payload_type, CaptureInfo *info, std::string *error) {

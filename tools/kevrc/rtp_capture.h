@@ -25,6 +25,7 @@
 //    counters (print capture_warnings(capture->counters) and
 //    capture->read_error).
 //  info_capture(path, payload_type, info, error): lists every RTP stream.
+//  is_capture(path): whether the file starts as a pcap or pcapng file.
 //  print_capture_info(info, out): prints that list as a table.
 //  capture_warnings(counters): one line per kind of record skipped.
 //  stream_output_path(out, ssrc, streams): out itself for one stream,
@@ -38,7 +39,7 @@
 #include <string>
 #include <vector>
 
-#include "api/kevrc.h"
+#include <kevrc/kevrc.h>
 #include "kevrc/kevrc_capture.h"
 #include "kevrc/kevrc_rtp.h"
 
@@ -99,7 +100,30 @@ struct DecodedStream {
 // Returns the sink for one stream, or an empty function with *error set.
 using SinkOpener = std::function<FrameSink(const CaptureStreamInfo &stream, std::string *error)>;
 
+// Frame-by-frame form of encode_to_capture, for callers that push audio:
+// open(opt, error), add(frame, error) per 160 samples, then finish(error),
+// which writes the packer's last packets and closes the capture. Each
+// returns false with a one-line message in *error.
+class CaptureEncoder {
+ public:
+  CaptureEncoder() = default;
+  CaptureEncoder(const CaptureEncoder &) = delete;
+  CaptureEncoder &operator=(const CaptureEncoder &) = delete;
+  ~CaptureEncoder();
+  bool open(const EncodeToCaptureOptions &opt, std::string *error);
+  bool add(int16_t *frame, std::string *error);
+  bool finish(std::string *error);
+
+ private:
+  kevrce_instance *encoder_ = nullptr;
+  kevrc_rtp_packer *packer_ = nullptr;
+  kevrc_cap_writer *writer_ = nullptr;
+  int64_t start_us_ = 0;
+};
+
 int encode_to_capture(const EncodeToCaptureOptions &opt, const FrameSource &source, std::string *error);
+// Whether path is a pcap or pcapng file (by its first four bytes).
+bool is_capture(const std::string &path);
 int decode_capture(const DecodeCaptureOptions &opt, const SinkOpener &open_sink, std::string *error,
                    std::vector<DecodedStream> *report = nullptr, CaptureInfo *capture = nullptr);
 int info_capture(const std::string &path, int32_t payload_type, CaptureInfo *info, std::string *error);
