@@ -60,14 +60,9 @@ struct PacketOutput {
 };
 
 bool encode_frame(kevrce_instance *enc, int16_t *frame, PacketOutput &out, std::string &error) {
-  uint8_t payload[KEVRC_ENCODER_BUFFER_BYTES] = {};
-  kevrc_pcm_buffer in = {};
-  in.data[0] = frame;
-  in.samples[0] = KEVRC_FRAME_SAMPLES;
-  in.bytes[0] = KEVRC_FRAME_SAMPLES * sizeof(int16_t);
-  kevrc_bitstream_buffer packet = {payload, 0, sizeof payload};
-  kevrce_result result = {};
-  const int32_t status = kevrce_encode(enc, &in, &packet, &result);
+  uint8_t payload[KEVRC_ENCODER_BUFFER_BYTES];
+  kevrce_result result;
+  const int32_t status = encode_pcm_frame(enc, frame, payload, &result);
   uint8_t record[KEVRCF_MAX_PACKET_BYTES];
   const int32_t n = status == KEVRC_OK ? kevrcf_writer_packet(&out.writer, result.rate, payload,
                                                               static_cast<size_t>(result.bytes), record, sizeof record)

@@ -67,14 +67,9 @@ bool write_ready(kevrc_rtp_packer *packer, kevrc_cap_writer *writer, int64_t sta
 
 // Encodes one frame and hands it to the packer.
 bool encode_frame(kevrce_instance *encoder, int16_t *frame, kevrc_rtp_packer *packer, std::string *error) {
-  uint8_t payload[KEVRC_ENCODER_BUFFER_BYTES] = {};
-  kevrc_pcm_buffer in = {};
-  in.data[0] = frame;
-  in.samples[0] = KEVRC_FRAME_SAMPLES;
-  in.bytes[0] = KEVRC_FRAME_SAMPLES * sizeof(int16_t);
-  kevrc_bitstream_buffer out = {payload, 0, sizeof payload};
-  kevrce_result result = {};
-  const int32_t status = kevrce_encode(encoder, &in, &out, &result);
+  uint8_t payload[KEVRC_ENCODER_BUFFER_BYTES];
+  kevrce_result result;
+  const int32_t status = encode_pcm_frame(encoder, frame, payload, &result);
   if (status != KEVRC_OK) return fail(error, std::string("encoder failed: ") + kevrc_strerror(status)), false;
   const int32_t pushed = kevrc_rtp_packer_push(packer, result.rate, payload, result.bytes);
   if (pushed != KEVRC_RTP_OK) return fail(error, std::string("packer: ") + kevrc_rtp_strerror(pushed)), false;
@@ -161,6 +156,17 @@ bool start_decoding(const DecodeCaptureOptions &opt, const CaptureStreamInfo &in
 }
 
 }  // namespace
+
+int32_t encode_pcm_frame(kevrce_instance *encoder, int16_t *frame, uint8_t *payload, kevrce_result *result) {
+  std::memset(payload, 0, KEVRC_ENCODER_BUFFER_BYTES);
+  kevrc_pcm_buffer in = {};
+  in.data[0] = frame;
+  in.samples[0] = KEVRC_FRAME_SAMPLES;
+  in.bytes[0] = KEVRC_FRAME_SAMPLES * sizeof(int16_t);
+  kevrc_bitstream_buffer out = {payload, 0, KEVRC_ENCODER_BUFFER_BYTES};
+  *result = {};
+  return kevrce_encode(encoder, &in, &out, result);
+}
 
 int32_t decode_rtp_frame(kevrcd_instance *decoder, const kevrc_rtp_frame &frame, int16_t *pcm) {
   const bool speech = frame.rate == KEVRC_RTP_RATE_EIGHTH || frame.rate == KEVRC_RTP_RATE_HALF ||

@@ -122,6 +122,10 @@ class CaptureEncoder {
 };
 
 int encode_to_capture(const EncodeToCaptureOptions &opt, const FrameSource &source, std::string *error);
+// Encodes one frame of 160 samples (in: frame, replaced by the conditioned
+// samples) into payload (out, KEVRC_ENCODER_BUFFER_BYTES bytes of room);
+// result gets the rate and payload size. Returns the encoder's status.
+int32_t encode_pcm_frame(kevrce_instance *encoder, int16_t *frame, uint8_t *payload, kevrce_result *result);
 // Whether path is a pcap or pcapng file (by its first four bytes).
 bool is_capture(const std::string &path);
 int decode_capture(const DecodeCaptureOptions &opt, const SinkOpener &open_sink, std::string *error,
