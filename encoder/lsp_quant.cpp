@@ -61,18 +61,15 @@ int16_t spacing_weight(int16_t d, int16_t *e_out) {
   return wrap16(add32_wrap(32768 >> e, mul16(q, kInvTwoPi) >> 15));
 }
 
-// t0 << n saturated, one bit at a time: overflow is the first step whose bit
-// 31 differs from the sign of t0 (0 counting as negative); then the result
-// is -32768 for t0 <= 0 and 32767 otherwise, else the high half.
+// t0 << n saturated (Q31 product times 2^n, high half kept, Q15): a shift
+// that leaves the 32-bit range gives -32768 for t0 < 0 and 32767 for
+// t0 > 0, and t0 = 0 counts as an overflowing negative value (-32768).
+// n <= 0 leaves t0 unshifted. An exact result of -2^31 and a saturated one
+// have the same high half, so the saturating shift decides every case.
 int16_t weighted_term(int32_t t0, int16_t n) {
   if (n <= 0) return static_cast<int16_t>(t0 >> 16);
-  const bool negative = t0 <= 0;
-  int32_t v = t0;
-  for (int step = 0; step < n; ++step) {
-    v = shl32_wrap(v, 1);
-    if ((v < 0) != negative) return negative ? int16_t{-32768} : int16_t{32767};
-  }
-  return static_cast<int16_t>(v >> 16);
+  if (t0 == 0) return int16_t{-32768};
+  return static_cast<int16_t>(shl32_sat(t0, n) >> 16);
 }
 
 // Weighted squared distance of one codeword to lsp[first .. first + n),
@@ -96,8 +93,9 @@ uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *
   uint16_t chosen = 0;
   for (int j = 0; j < entries; ++j) {
     const int16_t *codeword = book + j * n;
-    int16_t dist = distance(lsp, weight, shift, first, n, codeword);
-    if (first > 0 && codeword[0] <= weight[first - 1] + kMinSeam) dist = kWorst;
+    // A codeword too close to the previous split scores kWorst unmeasured.
+    const bool too_close = first > 0 && codeword[0] <= weight[first - 1] + kMinSeam;
+    const int16_t dist = too_close ? kWorst : distance(lsp, weight, shift, first, n, codeword);
     if (dist <= best) {
       best = dist;
       chosen = static_cast<uint16_t>(j);
