@@ -72,21 +72,25 @@ int16_t weighted_term(int32_t t0, int16_t n) {
   return static_cast<int16_t>(shl32_sat(t0, n) >> 16);
 }
 
-// Weighted squared distance of one codeword to lsp[first .. first + n),
-// rounded to 16 bits (saturated).
-int16_t distance(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
-                 int n, const int16_t *codeword) {
+// Weighted squared distance of one codeword to the split's LSPs, rounded to
+// 16 bits (saturated). lsp, weight and shift point at the split's first
+// position; n is kN when kN > 0 (a fixed count the compiler unrolls).
+template <int kN>
+int16_t distance(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int n,
+                 const int16_t *codeword) {
+  if constexpr (kN > 0) n = kN;
   int32_t acc = 0;
   for (int k = 0; k < n; ++k) {
-    const int p = first + k;
-    const int16_t diff = sub16_wrap(lsp[p], codeword[k]);
-    const int16_t t = weighted_term(mul2_16(weight[p], diff), shift[p]);
+    const int16_t diff = sub16_wrap(lsp[k], codeword[k]);
+    const int16_t t = weighted_term(mul2_16(weight[k], diff), shift[k]);
     acc = add32_wrap(acc, mul16(diff, t));
   }
   return round16_sat(shl32_wrap(acc, 1));
 }
 
-// Searches one split's codebook; returns the chosen index.
+// Searches one split's codebook (n LSPs from position first); returns the
+// chosen index.
+template <int kN>
 uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
                       int n, int entries, const int16_t *book) {
   int16_t best = kWorst;
@@ -95,13 +99,26 @@ uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *
     const int16_t *codeword = book + j * n;
     // A codeword too close to the previous split scores kWorst unmeasured.
     const bool too_close = first > 0 && codeword[0] <= weight[first - 1] + kMinSeam;
-    const int16_t dist = too_close ? kWorst : distance(lsp, weight, shift, first, n, codeword);
+    const int16_t dist =
+        too_close ? kWorst : distance<kN>(lsp + first, weight + first, shift + first, n, codeword);
     if (dist <= best) {
       best = dist;
       chosen = static_cast<uint16_t>(j);
     }
   }
   return chosen;
+}
+
+// search_split with the split sizes of the rates (2 to 5) unrolled.
+uint16_t search_any_split(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
+                          int n, int entries, const int16_t *book) {
+  switch (n) {
+    case 2: return search_split<2>(lsp, weight, shift, first, n, entries, book);
+    case 3: return search_split<3>(lsp, weight, shift, first, n, entries, book);
+    case 4: return search_split<4>(lsp, weight, shift, first, n, entries, book);
+    case 5: return search_split<5>(lsp, weight, shift, first, n, entries, book);
+    default: return search_split<0>(lsp, weight, shift, first, n, entries, book);
+  }
 }
 
 }  // namespace
@@ -121,7 +138,7 @@ extern "C" int16_t *kevrce_lspmaq(const int16_t *lsp, int16_t num_splits, const 
   const int16_t *book = codebook;
   for (int s = 0; s < num_splits; ++s) {
     const int n = split_dims[s];
-    index[s] = search_split(lsp, weight, shift, first, n, split_entries[s], book);
+    index[s] = search_any_split(lsp, weight, shift, first, n, split_entries[s], book);
     const int16_t *chosen = book + index[s] * n;
     for (int k = 0; k < n; ++k) weight[first + k] = chosen[k];
     first += n;
