@@ -26,8 +26,8 @@ extern "C" {  // the headers lack C++ guards
 namespace kevrc::bench {
 namespace {
 
-#ifdef KEVRC_BENCH_HAVE_AMRNB
 PeerCodec amrnb() {
+#ifdef KEVRC_BENCH_HAVE_AMRNB
   return {"AMR-NB 7.95 (opencore)", 160,
           [] { return Encoder_Interface_init(0); },
           [](void *s, const int16_t *pcm, uint8_t *packet) {
@@ -37,11 +37,13 @@ PeerCodec amrnb() {
           [] { return Decoder_Interface_init(); },
           [](void *s, const uint8_t *packet, int, int16_t *pcm) { Decoder_Interface_Decode(s, packet, pcm, 0); },
           [](void *s) { Decoder_Interface_exit(s); }};
-}
+#else
+  return {};
 #endif
+}
 
-#ifdef KEVRC_BENCH_HAVE_BCG729
 PeerCodec g729a() {
+#ifdef KEVRC_BENCH_HAVE_BCG729
   return {"G.729 Annex A (bcg729)", 80,
           [] { return static_cast<void *>(initBcg729EncoderChannel(0)); },
           [](void *s, const int16_t *pcm, uint8_t *packet) {
@@ -56,8 +58,10 @@ PeerCodec g729a() {
                           static_cast<uint8_t>(bytes), 0, 0, 0, pcm);
           },
           [](void *s) { closeBcg729DecoderChannel(static_cast<bcg729DecoderChannelContextStruct *>(s)); }};
-}
+#else
+  return {};
 #endif
+}
 
 #ifdef KEVRC_BENCH_HAVE_SPEEX
 // A Speex state with its bit buffer.
@@ -66,7 +70,17 @@ struct SpeexState {
   SpeexBits bits;
 };
 
+// Frees a SpeexState with the destroy function of its encoder or decoder.
+void speex_free(void *p, void (*destroy)(void *)) {
+  auto *s = static_cast<SpeexState *>(p);
+  destroy(s->state);
+  speex_bits_destroy(&s->bits);
+  delete s;
+}
+#endif
+
 PeerCodec speex() {
+#ifdef KEVRC_BENCH_HAVE_SPEEX
   return {"Speex NB quality 4", 160,
           [] {
             auto *s = new SpeexState{speex_encoder_init(&speex_nb_mode), {}};
@@ -81,12 +95,7 @@ PeerCodec speex() {
             speex_encode_int(s->state, const_cast<int16_t *>(pcm), &s->bits);
             return speex_bits_write(&s->bits, reinterpret_cast<char *>(packet), kMaxPeerPacket);
           },
-          [](void *p) {
-            auto *s = static_cast<SpeexState *>(p);
-            speex_encoder_destroy(s->state);
-            speex_bits_destroy(&s->bits);
-            delete s;
-          },
+          [](void *p) { speex_free(p, speex_encoder_destroy); },
           [] {
             auto *s = new SpeexState{speex_decoder_init(&speex_nb_mode), {}};
             speex_bits_init(&s->bits);
@@ -97,17 +106,14 @@ PeerCodec speex() {
             speex_bits_read_from(&s->bits, reinterpret_cast<const char *>(packet), bytes);
             speex_decode_int(s->state, &s->bits, pcm);
           },
-          [](void *p) {
-            auto *s = static_cast<SpeexState *>(p);
-            speex_decoder_destroy(s->state);
-            speex_bits_destroy(&s->bits);
-            delete s;
-          }};
-}
+          [](void *p) { speex_free(p, speex_decoder_destroy); }};
+#else
+  return {};
 #endif
+}
 
-#ifdef KEVRC_BENCH_HAVE_OPUS
 PeerCodec opus() {
+#ifdef KEVRC_BENCH_HAVE_OPUS
   return {"Opus 8 kbit/s, complexity 10", 160,
           [] {
             int err = 0;
@@ -129,25 +135,17 @@ PeerCodec opus() {
             if (opus_decode(static_cast<OpusDecoder *>(s), packet, bytes, pcm, 160, 0) < 0) pcm[0] = 0;
           },
           [](void *s) { opus_decoder_destroy(static_cast<OpusDecoder *>(s)); }};
-}
+#else
+  return {};
 #endif
+}
 
 }  // namespace
 
 std::vector<PeerCodec> peer_codecs() {
   std::vector<PeerCodec> peers;
-#ifdef KEVRC_BENCH_HAVE_AMRNB
-  peers.push_back(amrnb());
-#endif
-#ifdef KEVRC_BENCH_HAVE_BCG729
-  peers.push_back(g729a());
-#endif
-#ifdef KEVRC_BENCH_HAVE_SPEEX
-  peers.push_back(speex());
-#endif
-#ifdef KEVRC_BENCH_HAVE_OPUS
-  peers.push_back(opus());
-#endif
+  for (const PeerCodec &peer : {amrnb(), g729a(), speex(), opus()})
+    if (peer.name != nullptr) peers.push_back(peer);
   return peers;
 }
 
