@@ -24,7 +24,7 @@ namespace {
 
 std::atomic_ref<int32_t> inited_flag() { return std::atomic_ref<int32_t>(kevrc_inited); }
 
-constexpr size_t kDecoderWorkBytes = 1044 * sizeof(int16_t);
+constexpr size_t kDecoderWorkBytes = kevrc::kDecWorkWords * sizeof(int16_t);
 static_assert(sizeof(kevrcd_work) <= kDecoderWorkBytes, "decoder work block outgrew its size");
 
 int32_t decoder_alloc_work(void *instance) {

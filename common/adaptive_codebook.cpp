@@ -25,10 +25,26 @@ namespace {
 
 constexpr int16_t kCutoffWide = 29491;  // 0.9 in Q15: the 17-tap table
 
-}  // namespace
+// Rounded wrapping sum of 2 * row[k] * x[k] over kTaps taps (Q15 x Q0 ->
+// Q0): a fixed count the compiler unrolls and vectorizes.
+template <int kTaps>
+int16_t dot_row(const int16_t *row, const int16_t *x) {
+  Mac2Wrap acc;
+  for (int k = 0; k < kTaps; ++k) acc.add(row[k], x[k]);
+  return round16(acc.value());
+}
 
-extern "C" void kevrc_bilinear_intrpol(const int16_t *x, int32_t delay, int16_t cutoff,
-                                       int16_t n_half, int16_t *out) {
+// The same over a run-time count of taps (0 or more).
+int16_t dot_row(const int16_t *row, const int16_t *x, int taps) {
+  Mac2Wrap acc;
+  for (int k = 0; k < taps; ++k) acc.add(row[k], x[k]);
+  return taps <= 0 ? int16_t{0} : round16(acc.value());
+}
+
+// One interpolated sample (see kevrc_bilinear_intrpol): the delay (Q24)
+// rounded to the nearest integer I and the eighth-sample phase of the rest,
+// then the phase's table row against x[-I-n .. -I+n].
+int16_t interpolate(const int16_t *x, int32_t delay, bool wide, int16_t n_half) {
   int32_t i_delay = ((delay >> 16) + 128) >> 8;  // nearest integer, halves upward
   // |I - delay| <= 1/2, so the Q9 offset lies in -256..256 and the phase in 0..8.
   const int32_t e = sub32_wrap(shl32_wrap(i_delay, 24), delay);
@@ -38,33 +54,39 @@ extern "C" void kevrc_bilinear_intrpol(const int16_t *x, int32_t delay, int16_t 
     i_delay -= 1;
     phase = 0;
   }
-  const bool wide = cutoff == kCutoffWide;
   const int table_half = wide ? 8 : 3;
   const int16_t *row = wide ? &tbl_ham_win1[phase * 17] : &tbl_ham_win[phase * 7];
   const int n = n_half > table_half ? table_half : n_half;
-  const int taps = 2 * n + 1;
-  Mac2Wrap acc;
-  for (int k = 0; k < taps; ++k) acc.add(row[k], x[k - i_delay - n]);
-  *out = taps <= 0 ? int16_t{0} : round16(acc.value());
+  const int16_t *first = x - i_delay - n;
+  if (n == table_half) return wide ? dot_row<17>(row, first) : dot_row<7>(row, first);
+  return dot_row(row, first, 2 * n + 1);
+}
+
+}  // namespace
+
+extern "C" void kevrc_bilinear_intrpol(const int16_t *x, int32_t delay, int16_t cutoff,
+                                       int16_t n_half, int16_t *out) {
+  *out = interpolate(x, delay, cutoff == kCutoffWide, n_half);
 }
 
 extern "C" void kevrc_get_codebook(int16_t *out, const int16_t *x, int16_t L, const int32_t *contour,
                                    int16_t cutoff, int16_t n_half) {
   if (L < 0) return;
   const int32_t c = L == 53 ? 1296593899 : 1272582903;  // 32/53, 32/54 in Q31
+  const bool wide = cutoff == kCutoffWide;
   int32_t d = shl32_wrap(contour[0], 8);
-  kevrc_bilinear_intrpol(x, d, cutoff, n_half, &out[0]);
+  out[0] = interpolate(x, d, wide, n_half);
   const int32_t s1 = mul_32_32(c, shl32_wrap(sub32_wrap(contour[1], contour[0]), 3));  // Q24/sample
   for (int i = 1; i < L; ++i) {
     d = add32_wrap(d, s1);
-    kevrc_bilinear_intrpol(x + i, d, cutoff, n_half, &out[i]);
+    out[i] = interpolate(x + i, d, wide, n_half);
   }
   d = shl32_wrap(contour[1], 8);  // restart exactly at the end-of-subframe delay
-  kevrc_bilinear_intrpol(x + L, d, cutoff, n_half, &out[L]);
+  out[L] = interpolate(x + L, d, wide, n_half);
   const int32_t s2 = mul_32_32(c, shl32_wrap(sub32_wrap(contour[2], contour[1]), 3));
   for (int i = L + 1; i <= L + 9; ++i) {
     d = add32_wrap(d, s2);
-    kevrc_bilinear_intrpol(x + i, d, cutoff, n_half, &out[i]);
+    out[i] = interpolate(x + i, d, wide, n_half);
   }
 }
 

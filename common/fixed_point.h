@@ -248,6 +248,37 @@ constexpr inline void block_float_add(BlockFloat &bf, int16_t x, int16_t y, int3
   }
 }
 
+// The fast path of a block-floating sum of 2*a[i]*b[i] over i < n from
+// BlockFloat{} (exponent 1): the terms asr32(mul2_16(a, b), 1) are summed in
+// 64 bits, and so are their magnitudes. When the magnitudes' sum is at most
+// a limit L >= 0, every prefix sum lies within -L..L, so an accumulation that
+// halves (or otherwise reacts) only beyond L never does, never wraps, and
+// ends at exactly this sum with exponent 1. Plain loop: the compiler
+// vectorizes it.
+struct TermSums {
+  int64_t sum = 0;
+  int64_t magnitude = 0;
+};
+
+inline TermSums half_product_sums(const int16_t *a, const int16_t *b, int n) {
+  TermSums t;
+  for (int i = 0; i < n; ++i) {
+    const int32_t term = asr32(mul2_16(a[i], b[i]), 1);  // |term| <= 2^30: no 64-bit overflow
+    t.sum += term;
+    t.magnitude += term < 0 ? -int64_t{term} : int64_t{term};
+  }
+  return t;
+}
+
+// The block-floating sum when half_product_sums proves it event-free under
+// limit; false when the terms must be accumulated one by one.
+inline bool block_float_fast(const int16_t *a, const int16_t *b, int n, int32_t limit, BlockFloat &out) {
+  const TermSums t = half_product_sums(a, b, n);
+  if (t.magnitude > limit) return false;
+  out = BlockFloat{static_cast<int32_t>(t.sum), 1};
+  return true;
+}
+
 // Brings two block-floating values to the larger exponent (the other mantissa
 // is shifted right by the difference).
 constexpr inline void block_float_align(BlockFloat &a, BlockFloat &b) {

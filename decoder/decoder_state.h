@@ -28,6 +28,7 @@ constexpr int kSubframeSlots = 11;
 constexpr int kExcBufLen = kAcbMemory + 64 + 8;
 // Postfilter residual buffer: 128 samples of history and one subframe.
 constexpr int kApfResLen = kAcbMemory + kMaxSubframe;
+constexpr int kDecWorkWords = 1044;  // 16-bit words of the work block
 
 }  // namespace kevrc
 

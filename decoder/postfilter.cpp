@@ -33,6 +33,7 @@ constexpr int kMaxLag = 120;
 
 BlockFloat correlate(const int16_t *a, const int16_t *b, int n) {
   BlockFloat bf;
+  if (block_float_fast(a, b, n, kBlockLimit, bf)) return bf;
   for (int i = 0; i < n; ++i) block_float_add(bf, a[i], b[i], kBlockLimit);
   return bf;
 }

@@ -34,6 +34,8 @@
 //                      entry, plus the scaled fixed-codebook vector on exit.
 //   n          in      subframe length; n <= 0 leaves e alone.
 //   Returns the fixed-codebook gain index 0..fcb_gain_count-1.
+#include <algorithm>
+
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
@@ -45,12 +47,39 @@ constexpr int kPitchLevels = 8;
 constexpr int32_t kEnergyLimit = 1073741823;  // 2^30 - 1: block-floating headroom
 constexpr int16_t kFullRate = 4;
 
-// Sample i of in * h: sum_{j=0..i} 2 in[i-j] h[j] is Q12 for Q0 x Q11;
-// (sum + 2048) >> 12 rounds it to Q0. Everything wraps in 32 bits.
+constexpr int kChunk = 64;  // outputs convolved per pass
+
+// Sample i of in * h, alone: the same sum and rounding as filtered_chunk,
+// for an output that overlaps the input (each sample then reads the ones
+// written before it).
 int16_t filtered_sample(const int16_t *in, const int16_t *h, int i) {
   Mac2Wrap acc;
   for (int j = 0; j <= i; ++j) acc.add(in[i - j], h[j]);
   return wrap16(add32_wrap(acc.value(), 2048) >> 12);
+}
+
+bool overlap(const int16_t *a, const int16_t *b, int n) {
+  const auto pa = reinterpret_cast<uintptr_t>(a), pb = reinterpret_cast<uintptr_t>(b);
+  const uintptr_t bytes = static_cast<uintptr_t>(n) * sizeof(int16_t);
+  return pa < pb + bytes && pb < pa + bytes;
+}
+
+// Samples [first, first + count) of in * h, count <= kChunk: sample i is
+// sum_{j=0..i} 2 in[i-j] h[j], Q12 for Q0 x Q11, rounded ((sum + 2048) >> 12)
+// to Q0. The products are accumulated input by input across the chunk's
+// outputs (a contiguous loop the compiler vectorizes); the sums wrap modulo
+// 2^32, so the order does not change them.
+void filtered_chunk(const int16_t *in, const int16_t *h, int first, int count, int16_t *out) {
+  uint32_t acc[kChunk] = {};
+  const int end = first + count;
+  for (int k = 0; k < end; ++k) {
+    const int32_t x = in[k];
+    const int from = k > first ? k : first;
+    for (int i = from; i < end; ++i) acc[i - first] += static_cast<uint32_t>(x * h[i - k]);
+  }
+  for (int i = 0; i < count; ++i) {
+    out[i] = wrap16(add32_wrap(static_cast<int32_t>(acc[i] << 1), 2048) >> 12);
+  }
 }
 
 // Index of the level nearest to exy / eyy: the last threshold that exy
@@ -94,7 +123,17 @@ int16_t fcb_gain_index(int32_t x, const int16_t *table, int16_t count) {
 }  // namespace kevrc
 
 extern "C" void kevrce_conv_imp_res(const int16_t *in, const int16_t *h, int16_t *out, int16_t n) {
-  for (int i = 0; i < n; ++i) out[i] = kevrc::filtered_sample(in, h, i);
+  using namespace kevrc;
+  if (n > 0 && overlap(in, out, n)) {
+    for (int i = 0; i < n; ++i) out[i] = filtered_sample(in, h, i);
+    return;
+  }
+  int16_t chunk[kChunk];
+  for (int first = 0; first < n; first += kChunk) {
+    const int count = std::min<int>(kChunk, n - first);
+    filtered_chunk(in, h, first, count, chunk);
+    std::copy(chunk, chunk + count, out + first);
+  }
 }
 
 extern "C" void kevrce_cal_cl_gain(const int16_t *h, const int16_t *x, int16_t n, int16_t *v,
@@ -110,8 +149,10 @@ extern "C" void kevrce_cal_cl_gain(const int16_t *h, const int16_t *x, int16_t n
   int32_t eyy = 0;
   int32_t exy = 0;
   int sh = 1;
+  int16_t ys[kChunk];
   for (int i = 0; i < n; ++i) {
-    const int16_t y = filtered_sample(v, h, i);
+    if (i % kChunk == 0) filtered_chunk(v, h, i, std::min<int>(kChunk, n - i), ys);
+    const int16_t y = ys[i % kChunk];
     eyy = add32_wrap(eyy, asr32(mul2_16(y, y), sh));
     exy = add32_wrap(exy, asr32(mul2_16(x[i], y), sh));
     if (eyy > kEnergyLimit) {

@@ -111,7 +111,8 @@ extern "C" int16_t kevrce_calculate_lpc(kevrce_work *work) {
   apply_window(&work->speech[kLen], x);
 
   BlockFloat energy;  // sum of 2 x^2, halved above 0x40000000
-  for (int i = 0; i < kLen; ++i) block_float_add(energy, x[i], x[i], kEnergyLimit);
+  if (!block_float_fast(x, x, kLen, kEnergyLimit, energy))
+    for (int i = 0; i < kLen; ++i) block_float_add(energy, x[i], x[i], kEnergyLimit);
   const int32_t twice = shl32_wrap(energy.sum, 1);
   const int16_t n0 = norm_32(twice);
   r[0] = mul_32_32(shl32_wrap(twice, n0), kNoiseCorrection);

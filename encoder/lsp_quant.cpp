@@ -61,49 +61,64 @@ int16_t spacing_weight(int16_t d, int16_t *e_out) {
   return wrap16(add32_wrap(32768 >> e, mul16(q, kInvTwoPi) >> 15));
 }
 
-// t0 << n saturated, one bit at a time: overflow is the first step whose bit
-// 31 differs from the sign of t0 (0 counting as negative); then the result
-// is -32768 for t0 <= 0 and 32767 otherwise, else the high half.
+// t0 << n saturated (Q31 product times 2^n, high half kept, Q15): a shift
+// that leaves the 32-bit range gives -32768 for t0 < 0 and 32767 for
+// t0 > 0, and t0 = 0 counts as an overflowing negative value (-32768).
+// n <= 0 leaves t0 unshifted. An exact result of -2^31 and a saturated one
+// have the same high half, so the saturating shift decides every case.
 int16_t weighted_term(int32_t t0, int16_t n) {
   if (n <= 0) return static_cast<int16_t>(t0 >> 16);
-  const bool negative = t0 <= 0;
-  int32_t v = t0;
-  for (int step = 0; step < n; ++step) {
-    v = shl32_wrap(v, 1);
-    if ((v < 0) != negative) return negative ? int16_t{-32768} : int16_t{32767};
-  }
-  return static_cast<int16_t>(v >> 16);
+  if (t0 == 0) return int16_t{-32768};
+  return static_cast<int16_t>(shl32_sat(t0, n) >> 16);
 }
 
-// Weighted squared distance of one codeword to lsp[first .. first + n),
-// rounded to 16 bits (saturated).
-int16_t distance(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
-                 int n, const int16_t *codeword) {
+// Weighted squared distance of one codeword to the split's LSPs, rounded to
+// 16 bits (saturated). lsp, weight and shift point at the split's first
+// position; n is kN when kN > 0 (a fixed count the compiler unrolls).
+template <int kN>
+int16_t distance(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int n,
+                 const int16_t *codeword) {
+  if constexpr (kN > 0) n = kN;
   int32_t acc = 0;
   for (int k = 0; k < n; ++k) {
-    const int p = first + k;
-    const int16_t diff = sub16_wrap(lsp[p], codeword[k]);
-    const int16_t t = weighted_term(mul2_16(weight[p], diff), shift[p]);
+    const int16_t diff = sub16_wrap(lsp[k], codeword[k]);
+    const int16_t t = weighted_term(mul2_16(weight[k], diff), shift[k]);
     acc = add32_wrap(acc, mul16(diff, t));
   }
   return round16_sat(shl32_wrap(acc, 1));
 }
 
-// Searches one split's codebook; returns the chosen index.
+// Searches one split's codebook (n LSPs from position first); returns the
+// chosen index.
+template <int kN>
 uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
                       int n, int entries, const int16_t *book) {
   int16_t best = kWorst;
   uint16_t chosen = 0;
   for (int j = 0; j < entries; ++j) {
     const int16_t *codeword = book + j * n;
-    int16_t dist = distance(lsp, weight, shift, first, n, codeword);
-    if (first > 0 && codeword[0] <= weight[first - 1] + kMinSeam) dist = kWorst;
+    // A codeword too close to the previous split scores kWorst unmeasured.
+    const bool too_close = first > 0 && codeword[0] <= weight[first - 1] + kMinSeam;
+    const int16_t dist =
+        too_close ? kWorst : distance<kN>(lsp + first, weight + first, shift + first, n, codeword);
     if (dist <= best) {
       best = dist;
       chosen = static_cast<uint16_t>(j);
     }
   }
   return chosen;
+}
+
+// search_split with the split sizes of the rates (2 to 5) unrolled.
+uint16_t search_any_split(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
+                          int n, int entries, const int16_t *book) {
+  switch (n) {
+    case 2: return search_split<2>(lsp, weight, shift, first, n, entries, book);
+    case 3: return search_split<3>(lsp, weight, shift, first, n, entries, book);
+    case 4: return search_split<4>(lsp, weight, shift, first, n, entries, book);
+    case 5: return search_split<5>(lsp, weight, shift, first, n, entries, book);
+    default: return search_split<0>(lsp, weight, shift, first, n, entries, book);
+  }
 }
 
 }  // namespace
@@ -123,7 +138,7 @@ extern "C" int16_t *kevrce_lspmaq(const int16_t *lsp, int16_t num_splits, const 
   const int16_t *book = codebook;
   for (int s = 0; s < num_splits; ++s) {
     const int n = split_dims[s];
-    index[s] = search_split(lsp, weight, shift, first, n, split_entries[s], book);
+    index[s] = search_any_split(lsp, weight, shift, first, n, split_entries[s], book);
     const int16_t *chosen = book + index[s] * n;
     for (int k = 0; k < n; ++k) weight[first + k] = chosen[k];
     first += n;

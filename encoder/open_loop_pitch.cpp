@@ -54,6 +54,7 @@ enum class Overflow { kHalve, kAddOne };
 // sum over i < n of 2 a[i] b[i] as a block-floating value.
 BlockFloat correlate(const int16_t *a, const int16_t *b, int n, Overflow mode = Overflow::kHalve) {
   BlockFloat bf;
+  if (block_float_fast(a, b, n, kSumLimit, bf)) return bf;  // neither overflow mode acts
   for (int i = 0; i < n; ++i) {
     bf.sum = add32_wrap(bf.sum, asr32(mul2_16(a[i], b[i]), bf.exp));
     if (bf.sum > kSumLimit || bf.sum < -kSumLimit) {

@@ -2,16 +2,19 @@
 # SPDX-License-Identifier: BSD-3-Clause
 # Copyright (c) the kevrc authors
 # Installs the Debian packages the build, the tools and the tests need.
-#   install-deps.sh [--test] [--corpus]
+#   install-deps.sh [--test] [--corpus] [--bench]
 #     --test    adds clang for the fuzzer and groff for the manual page test
 #     --corpus  adds the speech recordings the training and measurement
 #               tools read (asterisk-core-sounds-{en,es,fr,it}-wav)
+#     --bench   adds the peer codecs kevrc_bench times (AMR-NB, G.729A,
+#               Speex, Opus) and valgrind for the profile
 set -eu
 packages="build-essential cmake ninja-build pkg-config libsndfile1-dev libsoxr-dev libpcap-dev libgtest-dev"
 for arg in "$@"; do
   case "$arg" in
     --test) packages="$packages clang libclang-rt-14-dev groff-base" ;;
     --corpus) packages="$packages asterisk-core-sounds-en-wav asterisk-core-sounds-es-wav asterisk-core-sounds-fr-wav asterisk-core-sounds-it-wav" ;;
+    --bench) packages="$packages libopencore-amrnb-dev libbcg729-dev libspeex-dev libopus-dev valgrind" ;;
     *) echo "install-deps: unknown option $arg" >&2; exit 2 ;;
   esac
 done
