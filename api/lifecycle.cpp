@@ -240,6 +240,12 @@ int32_t kevrce_encode(kevrce_instance *handle, kevrc_pcm_buffer *in, kevrc_bitst
   return handle->ops.process(handle, in, out, result);
 }
 
+int32_t kevrce_set_robust(kevrce_instance *handle, int32_t on) {
+  if (handle == nullptr || handle->ops.process == nullptr || (on != 0 && on != 1)) return KEVRC_ERR_ARG;
+  handle->robust = static_cast<int16_t>(on);
+  return KEVRC_OK;
+}
+
 const char *kevrc_strerror(int32_t status) {
   switch (status) {
     case KEVRC_OK: return "success";

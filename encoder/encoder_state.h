@@ -183,4 +183,5 @@ struct kevrce_instance {
 
   kevrce_config config;
   kevrc_ops ops;
+  int16_t robust;  // quality mode (kevrce_set_robust): 0 at creation
 };

@@ -155,6 +155,10 @@ TEST(Api, BadArgumentsAreRefusedWithoutEffect) {
   EXPECT_EQ(eres.rate, 7);
   kevrc_pcm_buffer mono = pcm_record(pcm, 0, 0, 0);
   EXPECT_EQ(kevrcd_conceal(nullptr, &mono, &dres), KEVRC_ERR_ARG);
+  testing::Encoder e({4, 1, 0, 1});
+  for (int32_t on : {-1, 2}) EXPECT_EQ(kevrce_set_robust(e.get(), on), KEVRC_ERR_ARG);
+  EXPECT_EQ(kevrce_set_robust(nullptr, 1), KEVRC_ERR_ARG);
+  EXPECT_EQ(kevrce_set_robust(e.get(), 1), KEVRC_OK);
 }
 
 // Concealing a lost packet is decoding the blank full-rate packet: same

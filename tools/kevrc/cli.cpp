@@ -37,7 +37,7 @@ constexpr OptionSpec kOptions[] = {
     {"--json", 0, false, kInfo},                      {"--rtp", 0, true, kEncode},
     {"--bundle", 0, true, kEncode},                   {"--interleave", 0, true, kEncode},
     {"--dst", 0, true, kEncode},                      {"--pt", 0, true, kEncode | kDecode | kInfo},
-    {"--ssrc", 0, true, kDecode}};
+    {"--ssrc", 0, true, kDecode},                     {"--classic", 0, false, kEncode}};
 
 const char *command_name(Command c) { return c == kEncode ? "encode" : c == kDecode ? "decode" : "info"; }
 
@@ -80,6 +80,7 @@ bool apply(const std::string &name, const std::string &value, Options &opt) {
   } else if (name == "--min-rate") return parse_int(name, value, 1, 4, &n) && (opt.min_rate = static_cast<int>(n), true);
   else if (name == "--max-rate") return parse_int(name, value, 1, 4, &n) && (opt.max_rate = static_cast<int>(n), true);
   else if (name == "--ns" || name == "--no-ns") opt.noise_suppression = name == "--ns";
+  else if (name == "--classic") opt.classic = true;
   else if (name == "--no-postfilter") opt.postfilter = false;
   else if (name == "--strict") opt.strict = true;
   else if (name == "--json") opt.json = true;

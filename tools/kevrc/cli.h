@@ -41,6 +41,7 @@ struct Options {
   AudioLayout audio;
   int min_rate = 1, max_rate = 4;
   bool noise_suppression = true;
+  bool classic = false;  // --classic: the standard rate decision and suppressor, not the quality mode
   std::string format;  // encode: "storage", "qcp", "pcap" or "" (by extension)
   bool postfilter = true;
   // RTP captures: encode to a capture, decode or list one.

@@ -129,6 +129,7 @@ bool encode_capture_file(const Options &opt, const std::string &in, const std::s
       kevrc_cap_parse_endpoint(opt.dst.c_str(), &c.endpoints.dst_ip, &c.endpoints.dst_port) != KEVRC_CAP_OK)
     return fail("--dst: expected IPv4:PORT, got '" + opt.dst + "'");
   c.encoder = {opt.max_rate, opt.min_rate, 0, opt.noise_suppression ? 1 : 0};
+  c.robust = !opt.classic;
   CaptureEncoder encoder;
   bool ok = encoder.open(c, &error) &&
             pump_frames(reader, [&](int16_t *frame) { return encoder.add(frame, &error); }, [] {}, error);
@@ -151,6 +152,7 @@ bool encode_file(const Options &opt, const std::string &in, const std::string &o
   int32_t status = 0;
   kevrce_instance *enc = kevrce_create(&cfg, &status);
   if (enc == nullptr) return fail(std::string("cannot create an encoder: ") + kevrc_strerror(status));
+  kevrce_set_robust(enc, opt.classic ? 0 : 1);
   PacketOutput packets{{}, ByteSink(output.fd()), {}};
   kevrcf_writer_init(&packets.writer, format_of(opt, out));
   Progress progress(in, single && !opt.quiet && isatty(2));

@@ -45,6 +45,8 @@ constexpr char kEncodeHelp[] =
     "      --min-rate N      lowest rate code (1 eighth, 3 half, 4 full; default 1)\n"
     "      --max-rate N      highest rate code (default 4)\n"
     "      --ns, --no-ns     noise suppression on (default) or off\n"
+    "      --classic         the standard rate decision, comfort noise and noise\n"
+    "                        suppressor instead of the quality mode (default)\n"
     "  -t, --type T          input type (raw, ul, al, wav, au, flac, ...)\n"
     "  -r, --rate N          raw input: sample rate (default 8000)\n"
     "  -c, --channels N      raw input: channels (default 1)\n"

@@ -198,6 +198,7 @@ bool CaptureEncoder::open(const EncodeToCaptureOptions &opt, std::string *error)
            false;
   encoder_ = kevrce_create(&opt.encoder, &err);
   if (encoder_ == nullptr) return fail(error, std::string("cannot create an encoder: ") + kevrc_strerror(err)), false;
+  kevrce_set_robust(encoder_, opt.robust ? 1 : 0);
   char message[256] = "";
   writer_ = kevrc_cap_writer_open(opt.out.c_str(), &opt.endpoints, &err, message, sizeof message);
   if (writer_ == nullptr) return fail(error, opt.out + ": " + message), false;

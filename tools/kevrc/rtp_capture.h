@@ -63,6 +63,7 @@ struct EncodeToCaptureOptions {
   uint32_t first_timestamp = 0;
   int64_t start_time_us = 0;                       // capture time of the first packet's frame 0
   kevrce_config encoder = {KEVRC_RATE_FULL, KEVRC_RATE_EIGHTH, 0, 1};
+  bool robust = true;                              // quality mode; --classic turns it off
 };
 
 struct CaptureStreamInfo {

@@ -160,6 +160,17 @@ kevrce_instance *kevrce_create(const kevrce_config *config, int32_t *err);
 void kevrce_delete(kevrce_instance *handle);
 int32_t kevrce_encode(kevrce_instance *handle, kevrc_pcm_buffer *in, kevrc_bitstream_buffer *out,
                       kevrce_result *result);
+/* Quality mode: on (1) or off (0, the default). Off, the encoder makes the
+ * standard rate decision, comfort-noise level and noise-suppressor start, and
+ * its packets are bit-exact with every earlier release. On, it tracks the true
+ * background floor, never sends active speech to eighth rate, codes loud
+ * stationary sounds (tones, music on hold) as signal, keeps a hangover after
+ * speech, sets the comfort-noise level from the input signal rather than its
+ * residual, and keeps a recording that starts with speech from seeding the
+ * suppressor's noise estimate. Packets stay valid for any decoder. May be
+ * called before any frame or between frames. Returns KEVRC_ERR_ARG for a NULL
+ * handle or an `on` other than 0 or 1 (the mode then stays as it was). */
+int32_t kevrce_set_robust(kevrce_instance *handle, int32_t on);
 
 /* A short English description of a status code. Never NULL. */
 const char *kevrc_strerror(int32_t status);
