@@ -45,6 +45,16 @@ TEST(GaussNoise, SecondOfAPairComesFromTheHeldValue) {
   EXPECT_GT(pairs, 300);
 }
 
+// The encoder draws the decoder's sequence (one generator for both).
+TEST(GaussNoise, EncoderDrawsTheDecodersSequence) {
+  Bare b;
+  int16_t seed = b.enc->noise_seed, pair = 0;
+  int32_t stored = 0;
+  for (int i = 0; i < 20000; ++i) {
+    ASSERT_EQ(kevrce_gauss_noise(b.enc.get()), kevrcd_ran_noise_gen(&seed, &pair, &stored)) << i;
+  }
+}
+
 TEST(GaussNoise, SeedRestartsOnRequest) {
   Bare a, b;
   for (int i = 0; i < 37; ++i) kevrce_gauss_noise(a.enc.get());
