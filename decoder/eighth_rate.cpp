@@ -12,13 +12,15 @@
 //   excitation behind the 128-sample excitation history. started = 0 resets
 //   the noise seed to 1234 (first frame after creation).
 // kevrcd_ran_noise_gen(seed, pair_flag, stored): one Gaussian sample in Q13
-//   (unit variance = 8192) by the polar method on a 16-bit congruential
-//   sequence; every second call returns the pair's stored value. seed,
-//   pair_flag (16-bit) and stored (32-bit) are updated.
+//   (unit variance = 8192) from the generator the encoder uses too
+//   (common/gauss_noise.h), so that both draw the same sequence from a seed;
+//   the second of a pair comes from stored. seed, pair_flag (16-bit) and
+//   stored (32-bit) are updated.
 #include <cstring>
 
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
+#include "common/gauss_noise.h"
 #include "decoder/decoder_paths.h"
 
 using namespace kevrc;
@@ -28,81 +30,10 @@ namespace {
 constexpr int16_t kFirstSeed = 1234;
 constexpr int16_t kAllOnesEnergy = 64;  // energy index of accepted all-ones packets
 
-// One step of the congruential sequence, truncated to 16 bits.
-uint16_t lcg_step(int16_t s) { return static_cast<uint16_t>((int32_t{s} * 50346 + 27698) >> 1); }
-
-// A uniform in [-16384, 16383] from a 16-bit sequence value.
-int32_t uniform(uint16_t s) { return (s >> 1) - 16384; }
-
-// d * t * 2^shift with 32-bit saturation (right shifts truncate).
-int32_t scale_product(int16_t d, int16_t t, int shift) {
-  const int32_t p = int32_t{d} * t;  // |p| < 2^30
-  if (shift < 0) return asr32(p, -shift);
-  return sat32(int64_t{p} * (int64_t{1} << (shift > 31 ? 31 : shift)));
-}
-
-// Gaussian factor sqrt(-2 ln(r)/r) of the polar method for r = r_q30 / 2^30,
-// 0 < r < 1, as a Q15 mantissa t and a shift: the factor is t * 2^(shift+1-15).
-// Built on the normalised log, a 16-bit division and the square root.
-void gauss_factor(int32_t r_q30, int16_t *t, int *shift) {
-  const int32_t r_q31 = r_q30 * 2;
-  const int32_t ln = neg32_wrap(kevrc::log(r_q31));  // -ln(r) in Q26
-  if (ln <= 0) {
-    *t = 0;
-    *shift = 0;
-    return;
-  }
-  const int e = norm_32(r_q31);
-  const int16_t m = static_cast<int16_t>(shl32_wrap(r_q31, e) >> 16);  // 16384..32767
-  const int nl = norm_32(ln);
-  int16_t lm = static_cast<int16_t>(shl32_wrap(ln, nl) >> 16);
-  int x = e - nl + 6;  // -2 ln(r) / r = (lm / m) * 2^x
-  if (lm > m) {        // keep the quotient a proper fraction
-    lm = static_cast<int16_t>(lm >> 1);
-    ++x;
-  }
-  int16_t q = div_16_16(lm, m);
-  const int nq = norm_16(q);
-  q = static_cast<int16_t>(q << nq);
-  x -= nq;
-  int16_t root = squar_rt(shl32_wrap(q, 16));
-  if ((x & 1) != 0) {  // odd exponent: take 2^((x+1)/2) / sqrt(2)
-    root = static_cast<int16_t>((root * 23170) >> 15);  // 1/sqrt(2) in Q15
-    ++x;
-  }
-  *t = root;
-  *shift = (x >> 1) - 1;  // output Q13 = Q15 input * factor / 4, stored in the high half
-}
-
 }  // namespace
 
 extern "C" int16_t kevrcd_ran_noise_gen(int16_t *seed, int16_t *pair_flag, int32_t *stored) {
-  if (*pair_flag != 0) {
-    *pair_flag = 0;
-    if (*stored == INT32_MAX) return 32767;
-    if (*stored == INT32_MIN) return -32768;
-    return wrap16(add32_wrap(*stored, 32768) >> 16);
-  }
-  const uint16_t s1 = lcg_step(*seed);
-  const int32_t u1 = uniform(s1);
-  const uint16_t s2 = lcg_step(static_cast<int16_t>(s1));
-  const int32_t u2 = uniform(s2);
-  *seed = static_cast<int16_t>(s2);
-  const int16_t d1 = static_cast<int16_t>(2 * u1);  // Q15 uniforms in [-1, 1)
-  const int16_t d2 = static_cast<int16_t>(2 * u2);
-  const int32_t r = add32_wrap(mul16(d1, d1), mul16(d2, d2));  // Q30
-  if (r > 0 && r < (int32_t{1} << 30)) {
-    int16_t t;
-    int shift;
-    gauss_factor(r, &t, &shift);
-    *stored = scale_product(d1, t, shift);
-    *pair_flag = 1;
-    return sat16_64((int64_t{scale_product(d2, t, shift)} + 32768) >> 16);
-  }
-  // Outside the unit circle: a sum of three uniforms instead.
-  const uint16_t s3 = lcg_step(static_cast<int16_t>(s2));
-  *seed = static_cast<int16_t>(s3);
-  return static_cast<int16_t>((d2 >> 3) + (u1 >> 2) + (uniform(s3) >> 2));
+  return gauss_noise(seed, pair_flag, stored);
 }
 
 extern "C" void kevrcd_get_excitation(kevrcd_instance *dec, int16_t started, int16_t subframe) {

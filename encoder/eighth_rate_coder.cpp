@@ -16,6 +16,13 @@
 //   searches the index (written to *index), replaces enc->lbr_energy by the
 //   row's gains and writes 128 noise samples into exc. keep_seed 0 resets the
 //   generator's seed first. subframe is 0..2; other values only measure.
+//   In the quality mode (enc->robust != 0) the subframe's energy is instead
+//   the one at which the decoder's noise through the subframe's quantized
+//   synthesis filter (enc->work->aq, Q12) has the level of the coded input
+//   samples (enc->work->speech[80 + 53 * subframe], L of them): the residual
+//   measure misses the synthesis filter's power gain, which differs from
+//   one background to another.
+#include <algorithm>
 #include <cstring>
 
 #include <kevrc/kevrc_kernels.h>
@@ -27,6 +34,17 @@ namespace {
 
 constexpr int16_t kFirstNoiseSeed = 1234;
 constexpr int kExcitationLen = 128;
+constexpr int kCodedStart = 80;         // an eighth-rate frame codes analysis samples 80..239
+constexpr int kPowerGainLen = 160;      // impulse-response samples summed for the power gain
+constexpr int64_t kResponseLimit = int64_t{1} << 24;  // |h| bound (Q11) before squaring
+// log2 of the wanted gain = kGainOffset + (log2 Ein - log2 L - log2 Pg) / 2, in
+// Q26: 2^20 (the excitation's >> 20) times 2^11 (Pg's Q22 root) over the
+// generator's RMS of 7903 (Q13): 31 - log2(7903) = 18.052.
+constexpr int64_t kGainOffsetQ26 = 1211436818;  // 18.0518 in Q26
+// The search table holds 8192 * log10(gain) - 17261 (fitted over its 768
+// values, within 30): log10(2) in Q15 and that offset.
+constexpr int64_t kLog10Of2Q15 = 9864;
+constexpr int64_t kSearchOffset = 17261;
 
 // r * 2^-k with the saturating and sign conventions of the gain scaling.
 int16_t scale_gain(int16_t r, int k) {
@@ -82,6 +100,43 @@ void noise_excitation(kevrce_instance *enc, const int16_t *gains, int16_t L, int
   exc[kExcitationLen - 1] = wrap16(static_cast<int32_t>((int64_t{g} * gains[2] + 524288) >> 20));
 }
 
+// log2(v) for v > 0 in Q26, from the normalised primitive.
+int64_t log2_q26(int64_t v) {
+  int p = 0;
+  while (v >= (int64_t{1} << 31)) {
+    v >>= 1;
+    ++p;
+  }
+  const int n = norm_32(static_cast<int32_t>(v));
+  const int32_t x = shl32_wrap(static_cast<int32_t>(v), n);  // 2^30 .. 2^31 - 1
+  return int64_t{kevrc::log2(x)} + (int64_t{31 + p - n} << 26);
+}
+
+// Power gain of 1/A(z), lpc in Q12: the sum of the squared first 160 samples
+// of its impulse response, in Q22 (the response is kept in Q11, 32-bit).
+int64_t synthesis_power_gain(const int16_t *lpc) {
+  int64_t h[kPowerGainLen];
+  int64_t power = 0;
+  for (int i = 0; i < kPowerGainLen; ++i) {
+    int64_t acc = i == 0 ? int64_t{2048} * 4096 : 0;  // 1.0 in Q11, times 4096 for the Q12 taps
+    for (int k = 1; k <= 10 && k <= i; ++k) acc -= int64_t{lpc[k - 1]} * h[i - k];
+    h[i] = std::clamp<int64_t>((acc + 2048) >> 12, -kResponseLimit, kResponseLimit);
+    power += h[i] * h[i];
+  }
+  return power;
+}
+
+// The subframe's energy (search-table domain) at which the decoded noise
+// matches the energy of the L input samples x.
+int16_t signal_matched_energy(const int16_t *x, int16_t L, const int16_t *lpc) {
+  int64_t e_in = 1;
+  for (int n = 0; n < L; ++n) e_in += int64_t{x[n]} * x[n];
+  const int64_t half = (log2_q26(e_in) - log2_q26(L > 0 ? L : 1) - log2_q26(synthesis_power_gain(lpc))) / 2;
+  const int64_t log2_gain = kGainOffsetQ26 + half;                    // Q26
+  const int64_t log10_q13 = (log2_gain * kLog10Of2Q15) >> (26 + 15 - 13);  // 8192 * log10(gain)
+  return sat16_64(log10_q13 - kSearchOffset);
+}
+
 }  // namespace
 }  // namespace kevrc
 
@@ -127,6 +182,10 @@ extern "C" void kevrce_calcexc_lbr(kevrce_instance *enc, int16_t gain, const int
   if (keep_seed == 0) enc->noise_seed = kFirstNoiseSeed;
   if (subframe < 0 || subframe > 2) return;
   enc->lbr_energy[subframe] = kevrce_lbr_energy(gain, residual, L);
+  if (enc->robust != 0 && L > 0 && L <= 54) {
+    const int16_t *x = &enc->work->speech[kCodedStart + 53 * subframe];
+    enc->lbr_energy[subframe] = signal_matched_energy(x, L, enc->work->aq);
+  }
   if (subframe != 2) return;
   std::memcpy(enc->work->lbr_measured, enc->lbr_energy, sizeof enc->lbr_energy);
   const int16_t index = kevrce_lbr_search(enc->lbr_energy);

@@ -80,6 +80,7 @@ struct kevrce_ns_state {
   int16_t update_count;
   int16_t hysteresis_count;
   int16_t last_update_count;
+  int32_t start_min[16];  // quality mode: smallest channel energies of the first frames
 };
 
 // Work block: analysis memories, per-frame analysis results, coded

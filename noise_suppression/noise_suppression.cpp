@@ -40,6 +40,8 @@ constexpr int kFftLen = 128;
 constexpr int kSynthesisOverlap = 48;
 constexpr int16_t kEmphasis = 26214;      // 0.8 in Q15
 constexpr int16_t kNegEmphasis = -26214;  // -0.8 in Q15
+constexpr int32_t kNoiseSeedFloor = 4096;  // least noise estimate of the first frames
+constexpr uint32_t kStartFrames = 12;      // quality mode: frames (240 ms) of the bounded start
 
 // Normalises the input, rescale the carried state to the new
 // exponent, pre-emphasise into buf[24..103] after the carried samples.
@@ -78,8 +80,29 @@ void measure_channels(kevrce_instance *enc, const int16_t *spectrum, int16_t e) 
     st.channel_energy[ch] =
         smooth_energy(channel_energy(spectrum, ch), st.channel_energy[ch], e, first);
     if (enc->frame_count < 2) {
-      st.channel_noise[ch] = st.channel_energy[ch] > 4096 ? st.channel_energy[ch] : 4096;
+      const int32_t energy = st.channel_energy[ch];
+      st.channel_noise[ch] = energy > kNoiseSeedFloor ? energy : kNoiseSeedFloor;
     }
+  }
+}
+
+// Quality mode: during the first kStartFrames frames the noise estimate of
+// each channel is kept at most twice (3 dB above) the smallest channel
+// energy seen so far (from the second call on: the first call's energies
+// are on another scale), and at least the usual 4096. A recording that
+// starts with speech would otherwise seed the estimate with speech, and
+// with the voice metric low the usual update keeps following it; a
+// background start still seeds it with the background. From then on the
+// usual update alone.
+void bound_start_noise(kevrce_instance *enc) {
+  kevrce_ns_state &st = enc->ns;
+  if (enc->frame_count >= kStartFrames) return;
+  for (int ch = 0; ch < kChannels; ++ch) {
+    const int32_t e = st.channel_energy[ch];
+    if (st.call_count <= 1 || e < st.start_min[ch]) st.start_min[ch] = e;
+    const int32_t bound = shl32_sat(st.start_min[ch], 1);
+    int32_t n = st.channel_noise[ch] < bound ? st.channel_noise[ch] : bound;
+    st.channel_noise[ch] = n > kNoiseSeedFloor ? n : kNoiseSeedFloor;
   }
 }
 
@@ -193,6 +216,7 @@ extern "C" void kevrce_noise_suprs(kevrce_instance *enc, int16_t *samples) {
       st.channel_noise[ch] = update_noise(st.channel_noise[ch], st.channel_energy[ch]);
     }
   }
+  if (enc->robust != 0) bound_start_noise(enc);
 
   apply_gains(st, buf);
   synthesize(st, buf, e, samples);

@@ -49,6 +49,29 @@ TEST(NoiseGenerator, PairsAndFallback) {
   }
 }
 
+// The first draws from known seeds: a polar pair (the second value from the
+// stored sample, seed kept), then for -32768 a draw outside the unit circle
+// (a sum of three uniforms, seed moved on).
+TEST(NoiseGenerator, ExactDrawsFromKnownSeeds) {
+  struct Case {
+    int16_t seed;
+    int16_t draws[4];
+    int16_t seed_after;
+  };
+  const Case cases[] = {
+      {-32768, {-8075, 6659, 7789, -14301}, 19171},
+      {0, {5598, -6630, -13996, -1388}, 17180},
+      {1234, {-4635, -4479, -2939, 3259}, 12366},
+      {32767, {-3283, -1276, -3393, -7421}, 22123},
+  };
+  for (const Case &c : cases) {
+    int16_t seed = c.seed, pair = 0;
+    int32_t stored = 0;
+    for (const int16_t want : c.draws) EXPECT_EQ(kevrcd_ran_noise_gen(&seed, &pair, &stored), want) << c.seed;
+    EXPECT_EQ(seed, c.seed_after);
+  }
+}
+
 Packet eighth(int l1, int l2, int energy) {
   testing::EighthFields f;
   f.lsp[0] = l1;

@@ -272,4 +272,12 @@ bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_r
   return fig.frames > 0;
 }
 
+bool compare_aligned(std::vector<double> r, std::vector<double> d, Figures &fig) {
+  fig.delay = 0;
+  fig.xcorr = 0;
+  align(r, d, 0);
+  frame_figures(r, d, fig);
+  return fig.frames > 0;
+}
+
 }  // namespace kevrc::quality

@@ -10,6 +10,8 @@
 //    decoded signal (in, 8 kHz, 16-bit units); with filter_reference the
 //    reference first passes the codec's input high-pass. fig (out) gets the
 //    figures. Returns false when there are no active frames to compare.
+//  compare_aligned(r, d, fig): the same figures for two signals already
+//    aligned (the delay is known and left at 0; no reference filter).
 #pragma once
 
 #include <vector>
@@ -25,5 +27,6 @@ struct Figures {
 };
 
 bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_reference, Figures &fig);
+bool compare_aligned(std::vector<double> r, std::vector<double> d, Figures &fig);
 
 }  // namespace kevrc::quality
