@@ -10,6 +10,8 @@
 //    decoded signal (in, 8 kHz, 16-bit units); with filter_reference the
 //    reference first passes the codec's input high-pass. fig (out) gets the
 //    figures. Returns false when there are no active frames to compare.
+//  compare_signals(r, d, filter_reference, active, fig): the same over the
+//    frames the caller marks active (below).
 #pragma once
 
 #include <vector>
@@ -25,5 +27,12 @@ struct Figures {
 };
 
 bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_reference, Figures &fig);
+
+// The same figures over the frames of the reference chosen by the caller
+// instead of the 40 dB rule: a frame (of the aligned reference) counts when
+// more than half of its samples are marked in active (one flag per
+// reference sample; missing flags count as inactive).
+bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_reference,
+                     std::vector<bool> active, Figures &fig);
 
 }  // namespace kevrc::quality
