@@ -68,7 +68,7 @@ constexpr int16_t kUnvoiced = 9830;       // 0.3 in Q15
 constexpr int16_t kLoudLevel = 17100;     // about -40 dB against a full-scale sine
 constexpr int16_t kTonalLevel = 10300;    // about -60 dB
 constexpr int64_t kTonalGain = 63;        // 18 dB of prediction gain, as an energy ratio
-constexpr int16_t kHangoverFrames = 12;   // 240 ms
+constexpr int16_t kHangoverFrames = 11;   // 220 ms
 
 // log2(energy) in Q10, 0 for energies below 1.
 int16_t level_of(int32_t energy) {

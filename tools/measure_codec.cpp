@@ -30,7 +30,10 @@
 // definition, postfilter on, reference through the codec's input
 // high-pass) minus that of the same file coded at full rate only; then the
 // totals per configuration (shares over all frames, bit rate over all
-// frames, dmcd averaged over the files and its largest value) and the
+// frames, dmcd averaged over the files and its largest value; "not lead":
+// the inactive share leaving out the lead, the inactive packets among the
+// three before an active one, where the envelope's smoothing has not yet
+// caught up with a starting word) and the
 // eighth-rate share of two loud stationary signals, a full-scale 200 Hz
 // square wave and a 1 kHz sine 6 dB below full scale (4 s each).
 //
@@ -211,15 +214,20 @@ bool code(const std::vector<int16_t> &pcm, kevrce_config cfg, bool robust, Coded
 // Rate figures of one file or of a configuration's total.
 struct RateFigures {
   long active = 0, active8 = 0, inactive = 0, inactive8 = 0, frames = 0;
+  long lead = 0, lead8 = 0;  // inactive packets among the 3 before an active one
   double bits = 0, dmcd_sum = 0, dmcd_max = -1e9;
   long files = 0;
   void add(const RateFigures &f) {
     active += f.active, active8 += f.active8, inactive += f.inactive, inactive8 += f.inactive8;
+    lead += f.lead, lead8 += f.lead8;
     frames += f.frames, bits += f.bits;
     dmcd_sum += f.dmcd_sum, dmcd_max = std::max(dmcd_max, f.dmcd_max), files += f.files;
   }
   double act8() const { return active ? 100.0 * active8 / active : 0; }
   double ina8() const { return inactive ? 100.0 * inactive8 / inactive : 0; }
+  double ina8_after_lead() const {
+    return inactive > lead ? 100.0 * (inactive8 - lead8) / (inactive - lead) : 0;
+  }
   double kbps() const { return frames ? bits / (frames / 50.0) / 1000 : 0; }
 };
 
@@ -229,6 +237,11 @@ RateFigures rate_figures(const std::vector<int> &rates, const std::vector<bool> 
     const bool eighth = rates[k] == 1;
     (active[k] ? f.active : f.inactive) += 1;
     (active[k] ? f.active8 : f.inactive8) += eighth ? 1 : 0;
+    const auto next = active.begin() + static_cast<long>(k) + 1;
+    const auto end = active.begin() + static_cast<long>(std::min(k + 4, active.size()));
+    const bool lead = !active[k] && std::find(next, end, true) != end;
+    f.lead += lead ? 1 : 0;
+    f.lead8 += lead && eighth ? 1 : 0;
     f.bits += rates[k] == 1 ? 16 : rates[k] == 3 ? 80 : 172;
     ++f.frames;
   }
@@ -287,21 +300,16 @@ int compare_rates(const kevrce_config &bounds, const std::string &root) {
         f.files = 1;
         totals[2 * (1 - ns) + robust].add(f);
         std::printf(" %5.1f %5.1f %4.2f %5.2f", f.act8(), f.ina8(), f.kbps(), dmcd);
-        if (std::getenv("QB_TRACE") && robust && ns == 0) {
-          std::string a, r;
-          for (size_t k = 0; k < c.rates.size(); ++k) { a += active[k] ? 'A' : '.'; r += char('0' + c.rates[k]); }
-          std::fprintf(stderr, "%s\n%s\n%s\n", name.c_str(), a.c_str(), r.c_str());
-        }
       }
     }
     std::printf("\n");
     std::fflush(stdout);
   }
-  std::printf("\nconfiguration  active->eighth  inactive->eighth  kbit/s  dmcd mean  dmcd max\n");
+  std::printf("\nconfiguration  active->eighth  inactive->eighth (not lead)  kbit/s  dmcd mean  dmcd max\n");
   for (int c = 0; c < 4; ++c) {
     const RateFigures &f = totals[c];
-    std::printf("%-12s  %12.2f %%  %14.1f %%  %6.2f  %6.3f dB  %6.2f dB\n", names[c], f.act8(), f.ina8(), f.kbps(),
-                f.dmcd_sum / static_cast<double>(f.files), f.dmcd_max);
+    std::printf("%-12s  %12.2f %%  %14.1f %% (%5.1f %%)  %6.3f  %6.3f dB  %6.2f dB\n", names[c], f.act8(), f.ina8(),
+                f.ina8_after_lead(), f.kbps(), f.dmcd_sum / static_cast<double>(f.files), f.dmcd_max);
   }
   std::vector<int16_t> square(32000), tone(32000);
   for (size_t n = 0; n < square.size(); ++n) {
