@@ -118,11 +118,13 @@ bool is_speech(const kevrce_robust_rate_state &s, const int16_t *level) {
   return s.hangover > 0 || above_background(s, level, 2);
 }
 
-// Loud, or tonal: prediction gain above 18 dB, sum x^2 > 63 * sum e^2.
-bool is_stationary_signal(const kevrce_work &w, const int16_t *level) {
+// Loud, or tonal at the level of its own background (a steady tone has
+// filled the minimum window): prediction gain above 18 dB, sum x^2 > 63 * sum e^2.
+bool is_stationary_signal(const kevrce_robust_rate_state &s, const kevrce_work &w, const int16_t *level) {
   const int16_t top = std::max(level[0], level[1]);
   if (top > kLoudLevel) return true;
-  return top > kTonalLevel && segment_energy(w.speech) > kTonalGain * segment_energy(w.residual);
+  if (top <= kTonalLevel || above_background(s, level, 0) || above_background(s, level, 1)) return false;
+  return segment_energy(w.speech) > kTonalGain * segment_energy(w.residual);
 }
 
 int16_t speech_rate(const kevrce_robust_rate_state &s, const int16_t *level, int16_t analysis) {
@@ -146,7 +148,7 @@ int16_t robust_rate_decision(kevrce_instance *enc, int32_t max_rate, int32_t min
     s.peak = std::max(s.peak, std::max(level[0], level[1]));
     rate = speech_rate(s, level, analysis);
     s.hangover = kHangoverFrames;
-  } else if (is_stationary_signal(*enc->work, level)) {
+  } else if (is_stationary_signal(s, *enc->work, level)) {
     rate = kFull;
     s.hangover = kHangoverFrames;
   } else if (s.hangover > 0) {
