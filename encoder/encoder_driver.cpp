@@ -82,7 +82,7 @@ extern "C" int32_t kevrce_enc(kevrce_instance *enc, const kevrc_pcm_buffer *in,
   const int32_t min_rate = coded_bound(enc->config.min_rate, 3);
   // The standard decision always runs: the quality mode reads its band energies.
   int16_t rate = kevrce_rate_detection(enc, w->r, max_rate, min_rate, analysis);
-  if (enc->robust != 0) rate = robust_rate_decision(enc, max_rate, min_rate, analysis);
+  if (enc->robust != 0) rate = robust_rate_decision(enc, max_rate, min_rate);
 
   kevrce_bsw_init(&enc->bsw, out->data, kPacketWords);
   kevrc_encode_frame(w, enc, rate);

@@ -23,12 +23,13 @@ struct kevrce_robust_rate_state {
   int16_t floor[kRobustLevels];                       // background level
   int16_t hangover;                       // frames still held above eighth rate
   int16_t peak;                           // speech peak level, decaying
+  int16_t last_top;                       // the louder band's level in the last frame
 };
 
 // The quality-mode rate code (1, 3 or 4) of the current frame, bounded to
 // [min_rate, max_rate] like the standard decision's. Reads the band
 // energies the standard decision left in enc->rd and the frame's speech and
 // residual in enc->work; updates enc->robust_rd.
-int16_t robust_rate_decision(kevrce_instance *enc, int32_t max_rate, int32_t min_rate, int16_t analysis);
+int16_t robust_rate_decision(kevrce_instance *enc, int32_t max_rate, int32_t min_rate);
 
 }  // namespace kevrc

@@ -28,7 +28,10 @@
 // eighth rate ("ina8"), the average payload bit rate and "dmcd", the
 // mel-cepstral distortion over the active frames (tools/quality.cpp's
 // definition, postfilter on, reference through the codec's input
-// high-pass) minus that of the same file coded at full rate only; then the
+// high-pass) minus that of the same file coded at full rate only, every
+// version aligned at the delay searched on the full-rate one (the codec's
+// delay does not depend on the rates; with noise suppression the searched
+// delay of a single version can land far off); then the
 // totals per configuration (shares over all frames, bit rate over all
 // frames, dmcd averaged over the files and its largest value; "not lead":
 // the inactive share leaving out the lead, the inactive packets among the
@@ -248,10 +251,14 @@ RateFigures rate_figures(const std::vector<int> &rates, const std::vector<bool> 
   return f;
 }
 
-double active_mcd(const std::vector<int16_t> &ref, const std::vector<int16_t> &dec, const std::vector<bool> &marks) {
+// MCD over the marked frames; lag: the alignment to use (-401: searched),
+// set to the one used.
+double active_mcd(const std::vector<int16_t> &ref, const std::vector<int16_t> &dec, const std::vector<bool> &marks,
+                  int &lag) {
   kevrc::quality::Figures fig;
   kevrc::quality::compare_signals(std::vector<double>(ref.begin(), ref.end()),
-                                  std::vector<double>(dec.begin(), dec.end()), true, marks, fig);
+                                  std::vector<double>(dec.begin(), dec.end()), true, marks, fig, lag);
+  lag = fig.delay;
   return fig.mcd;
 }
 
@@ -290,12 +297,13 @@ int compare_rates(const kevrce_config &bounds, const std::string &root) {
       full.min_rate = full.max_rate = 4;
       Coded reference;
       if (!code(pcm, full, false, reference)) return 1;
-      const double full_mcd = active_mcd(pcm, reference.decoded, marks);
+      int lag = -401;  // searched on the full-rate version, kept for the others
+      const double full_mcd = active_mcd(pcm, reference.decoded, marks, lag);
       for (int robust = 0; robust < 2; ++robust) {
         Coded c;
         if (!code(pcm, cfg, robust != 0, c)) return 1;
         RateFigures f = rate_figures(c.rates, active);
-        const double dmcd = active_mcd(pcm, c.decoded, marks) - full_mcd;
+        const double dmcd = active_mcd(pcm, c.decoded, marks, lag) - full_mcd;
         f.dmcd_sum = f.dmcd_max = dmcd;
         f.files = 1;
         totals[2 * (1 - ns) + robust].add(f);

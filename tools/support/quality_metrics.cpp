@@ -285,9 +285,9 @@ bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_r
 }
 
 bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_reference,
-                     std::vector<bool> active, Figures &fig) {
+                     std::vector<bool> active, Figures &fig, int lag) {
   if (filter_reference) codec_input_filter(r);
-  const Alignment a = find_delay(r, d);
+  const Alignment a = lag >= -kMaxLag ? Alignment{lag, 0} : find_delay(r, d);
   fig.delay = a.lag;
   fig.xcorr = a.xcorr;
   if (a.lag < 0) active.erase(active.begin(), active.begin() + std::min<size_t>(static_cast<size_t>(-a.lag), active.size()));

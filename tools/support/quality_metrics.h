@@ -31,8 +31,10 @@ bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_r
 // The same figures over the frames of the reference chosen by the caller
 // instead of the 40 dB rule: a frame (of the aligned reference) counts when
 // more than half of its samples are marked in active (one flag per
-// reference sample; missing flags count as inactive).
+// reference sample; missing flags count as inactive). With lag >= -400 the
+// signals are aligned at that lag instead of the searched one (fig.xcorr
+// then stays 0): for decoded versions of one input whose delay is known.
 bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_reference,
-                     std::vector<bool> active, Figures &fig);
+                     std::vector<bool> active, Figures &fig, int lag = -401);
 
 }  // namespace kevrc::quality
