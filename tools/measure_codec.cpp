@@ -337,10 +337,15 @@ int compare_rates(const kevrce_config &bounds, const std::string &root) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  const char *const usage =
+      "usage: measure_codec OUTDIR [--max-rate N] [--min-rate N] [--no-ns] [--robust] [--root DIR]\n"
+      "       measure_codec --rates [--max-rate N] [--min-rate N] [--root DIR]\n";
+  if (argc >= 2 && std::strcmp(argv[1], "--help") == 0) {
+    std::fputs(usage, stdout);
+    return 0;
+  }
   if (argc < 2) {
-    std::fprintf(stderr,
-                 "usage: measure_codec OUTDIR [--max-rate N] [--min-rate N] [--no-ns] [--robust] [--root DIR]\n"
-                 "       measure_codec --rates [--max-rate N] [--min-rate N] [--root DIR]\n");
+    std::fputs(usage, stderr);
     return 2;
   }
   const std::string dir = argv[1];
