@@ -18,6 +18,7 @@
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 #include "encoder/rcelp.h"
+#include "encoder/robust_rate.h"
 
 namespace kevrc {
 namespace {
@@ -77,8 +78,11 @@ extern "C" int32_t kevrce_enc(kevrce_instance *enc, const kevrc_pcm_buffer *in,
   std::memcpy(in->data[0], samples, sizeof w->hpf_in);
 
   const int16_t analysis = kevrce_pre_encode(enc, samples);
-  const int16_t rate = kevrce_rate_detection(enc, w->r, coded_bound(enc->config.max_rate, 1),
-                                              coded_bound(enc->config.min_rate, 3), analysis);
+  const int32_t max_rate = coded_bound(enc->config.max_rate, 1);
+  const int32_t min_rate = coded_bound(enc->config.min_rate, 3);
+  // The standard decision always runs: the quality mode reads its band energies.
+  int16_t rate = kevrce_rate_detection(enc, w->r, max_rate, min_rate, analysis);
+  if (enc->robust != 0) rate = robust_rate_decision(enc, max_rate, min_rate);
 
   kevrce_bsw_init(&enc->bsw, out->data, kPacketWords);
   kevrc_encode_frame(w, enc, rate);

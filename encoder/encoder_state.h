@@ -16,6 +16,7 @@
 #include <kevrc/kevrc_kernels.h>
 #include "common/rate_params.h"
 #include "encoder/acelp_scratch.h"
+#include "encoder/robust_rate.h"
 
 namespace kevrc {
 
@@ -185,4 +186,5 @@ struct kevrce_instance {
   kevrce_config config;
   kevrc_ops ops;
   int16_t robust;  // quality mode (kevrce_set_robust): 0 at creation
+  kevrc::kevrce_robust_rate_state robust_rd;  // the quality mode's rate decision
 };

@@ -149,5 +149,79 @@ TEST(EncoderEndToEnd, FrozenEncoderChecksums) {
   }
 }
 
+// ---------------------------------------------------------------------------
+// The quality mode's rate decision (kevrce_set_robust)
+
+std::vector<int> robust_rates(kevrce_config cfg, const std::vector<int16_t> &s) {
+  Encoder e(cfg);
+  EXPECT_EQ(kevrce_set_robust(e.get(), 1), KEVRC_OK);
+  std::vector<int> rates;
+  for (size_t k = 0; k + 160 <= s.size(); k += 160) rates.push_back(e.encode(&s[k]).result.rate);
+  return rates;
+}
+
+void append(std::vector<int16_t> &to, const std::vector<int16_t> &s) { to.insert(to.end(), s.begin(), s.end()); }
+
+// A quiet room (2 s), then six words 8 frames long at levels down to 24 dB
+// below the first, with pauses of 4 frames, then the room again (2 s).
+std::vector<int16_t> words_with_short_pauses() {
+  std::vector<int16_t> s = noise(100, 3.0, 31);
+  for (double level : {3000.0, 800.0, 1500.0, 190.0, 400.0, 2500.0}) {
+    append(s, voiced(8, level));
+    append(s, noise(4, 3.0, 32));
+  }
+  append(s, noise(96, 3.0, 33));
+  return s;
+}
+
+TEST(RobustRate, SpeechWithShortPausesIsNeverCodedAtEighthRate) {
+  const std::vector<int16_t> s = words_with_short_pauses();
+  for (int ns : {0, 1}) {
+    const std::vector<int> r = robust_rates({4, 1, 0, ns}, s);
+    for (size_t k = 100; k < 168; ++k) EXPECT_NE(r[k], 1) << "frame " << k << ", ns " << ns;
+    // The hangover covers 0.2 s after the last word, then the room is background.
+    EXPECT_EQ(std::count(r.begin() + 168, r.begin() + 178, 1), 0) << ns;
+    EXPECT_EQ(std::count(r.begin() + 182, r.end(), 1), 86) << ns;
+    EXPECT_EQ(std::count(r.begin() + 20, r.begin() + 100, 1), 80) << ns;
+  }
+}
+
+// Stationary sounds fill the background tracker's window but are signal,
+// loud or tonal; digital silence is background. (The first packet codes
+// half a frame of the encoder's empty history.)
+TEST(RobustRate, LoudStationarySoundsAreSignalAndSilenceIsBackground) {
+  std::vector<int16_t> square(32000), tone(32000), quiet_tone(32000), silence(32000, 0);
+  const std::vector<int16_t> loud_noise = noise(200, 6000.0, 41);  // -15 dB: loud, not tonal
+  for (size_t n = 0; n < square.size(); ++n) {
+    square[n] = (n / 20) % 2 ? -32767 : 32767;
+    tone[n] = clip(16400 * std::sin(2 * M_PI * 1000 * static_cast<double>(n) / 8000));
+    quiet_tone[n] = clip(160 * std::sin(2 * M_PI * 440 * static_cast<double>(n) / 8000));  // -46 dB
+  }
+  struct Case {
+    const std::vector<int16_t> *signal;
+    int ns;
+    long eighth;
+  } const cases[] = {{&square, 0, 0}, {&square, 1, 0}, {&tone, 0, 0},       {&tone, 1, 0},
+                     {&quiet_tone, 0, 0}, {&loud_noise, 0, 0}, {&silence, 0, 199}, {&silence, 1, 199}};
+  for (const Case &c : cases) {
+    const std::vector<int> r = robust_rates({4, 1, 0, c.ns}, *c.signal);
+    EXPECT_EQ(std::count(r.begin() + 1, r.end(), 1), c.eighth) << &c - cases << " ns " << c.ns;
+  }
+}
+
+// The configured bounds still hold in the quality mode.
+TEST(RobustRate, RateBoundsHold) {
+  const std::vector<int16_t> s = words_with_short_pauses();
+  struct Case {
+    kevrce_config cfg;
+    int lowest, highest;
+  } const cases[] = {{{3, 1, 0, 0}, 1, 3}, {{4, 3, 0, 0}, 3, 4}, {{1, 1, 0, 1}, 1, 1}, {{4, 4, 0, 0}, 4, 4}};
+  for (const Case &c : cases) {
+    const std::vector<int> r = robust_rates(c.cfg, s);
+    EXPECT_EQ(*std::min_element(r.begin(), r.end()), c.lowest) << c.cfg.max_rate << ".." << c.cfg.min_rate;
+    EXPECT_EQ(*std::max_element(r.begin(), r.end()), c.highest) << c.cfg.max_rate << ".." << c.cfg.min_rate;
+  }
+}
+
 }  // namespace
 }  // namespace kevrc

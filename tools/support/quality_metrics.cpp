@@ -206,10 +206,22 @@ int local_offset(const std::vector<double> &r, const std::vector<double> &d, siz
 }
 
 // Segmental SNR, LSD and MCD over the active frames of the aligned signals.
-void frame_figures(const std::vector<double> &r, const std::vector<double> &d, Figures &fig) {
+// Frames with more than half of their samples marked (missing marks: inactive).
+std::vector<bool> marked_frames(const std::vector<bool> &marks, size_t frames) {
+  std::vector<bool> active(frames);
+  for (size_t f = 0; f < frames; ++f) {
+    size_t n = 0;
+    for (size_t i = f * kFrame; i < std::min(marks.size(), (f + 1) * kFrame); ++i) n += marks[i] ? 1 : 0;
+    active[f] = 2 * n > kFrame;
+  }
+  return active;
+}
+
+void frame_figures(const std::vector<double> &r, const std::vector<double> &d, const std::vector<bool> *marks,
+                   Figures &fig) {
   static const std::vector<std::vector<double>> bank = mel_filterbank();
   const size_t frames = std::min(r.size(), d.size()) / kFrame;
-  const std::vector<bool> active = active_frames(r, frames);
+  const std::vector<bool> active = marks != nullptr ? marked_frames(*marks, frames) : active_frames(r, frames);
   double snr_sum = 0, lsd_sum = 0, mcd_sum = 0, jitter_sum = 0;
   for (size_t f = 0; f < frames; ++f) {
     if (!active[f]) continue;
@@ -268,7 +280,19 @@ bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_r
   fig.delay = a.lag;
   fig.xcorr = a.xcorr;
   align(r, d, a.lag);
-  frame_figures(r, d, fig);
+  frame_figures(r, d, nullptr, fig);
+  return fig.frames > 0;
+}
+
+bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_reference,
+                     std::vector<bool> active, Figures &fig, int lag) {
+  if (filter_reference) codec_input_filter(r);
+  const Alignment a = lag >= -kMaxLag ? Alignment{lag, 0} : find_delay(r, d);
+  fig.delay = a.lag;
+  fig.xcorr = a.xcorr;
+  if (a.lag < 0) active.erase(active.begin(), active.begin() + std::min<size_t>(static_cast<size_t>(-a.lag), active.size()));
+  align(r, d, a.lag);
+  frame_figures(r, d, &active, fig);
   return fig.frames > 0;
 }
 
@@ -276,7 +300,7 @@ bool compare_aligned(std::vector<double> r, std::vector<double> d, Figures &fig)
   fig.delay = 0;
   fig.xcorr = 0;
   align(r, d, 0);
-  frame_figures(r, d, fig);
+  frame_figures(r, d, nullptr, fig);
   return fig.frames > 0;
 }
 

@@ -12,6 +12,8 @@
 //    figures. Returns false when there are no active frames to compare.
 //  compare_aligned(r, d, fig): the same figures for two signals already
 //    aligned (the delay is known and left at 0; no reference filter).
+//  compare_signals(r, d, filter_reference, active, fig): the same over the
+//    frames the caller marks active (below).
 #pragma once
 
 #include <vector>
@@ -28,5 +30,14 @@ struct Figures {
 
 bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_reference, Figures &fig);
 bool compare_aligned(std::vector<double> r, std::vector<double> d, Figures &fig);
+
+// The same figures over the frames of the reference chosen by the caller
+// instead of the 40 dB rule: a frame (of the aligned reference) counts when
+// more than half of its samples are marked in active (one flag per
+// reference sample; missing flags count as inactive). With lag >= -400 the
+// signals are aligned at that lag instead of the searched one (fig.xcorr
+// then stays 0): for decoded versions of one input whose delay is known.
+bool compare_signals(std::vector<double> r, std::vector<double> d, bool filter_reference,
+                     std::vector<bool> active, Figures &fig, int lag = -401);
 
 }  // namespace kevrc::quality

@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Copyright (c) the kevrc authors
+// The rate decision of the encoder's quality mode: eighth rate for the
+// background only, full rate for speech and for any loud or tonal signal,
+// half rate for weak speech and for the hangover after speech.
+//
+// robust_rate_decision(enc, max_rate, min_rate) -> rate code 1, 3 or 4
+//   enc       in/out  reads enc->rd.band_energy[0..1] (the band energies of
+//                     the analysis frame speech[160..319], 32-bit, left there
+//                     by kevrce_rate_detection), enc->work->speech[80..239]
+//                     and residual[80..239] (the segment this packet codes
+//                     and its short-term residual), enc->frame_count;
+//                     updates enc->robust_rd, set up when the count is 0.
+//   max_rate  in      highest rate code allowed (values above 4 count as 4).
+//   min_rate  in      lowest rate code allowed.
+//
+// Levels are log2 of an energy in Q10 (1024 = 3.01 dB, 340 = 1 dB): 0 for
+// an energy below 1, about 30700 for a full-scale sine. Three are tracked:
+// the two band energies of the analysis frame and the whole-band energy of
+// the coded segment (sum x^2 / 32, so that it reads like the bands, whose
+// energies are about sum x^2 / 40 for a signal inside the band). The
+// background of each is the minimum of its UNSMOOTHED levels over the last
+// 64..80 frames (1.3 to 1.6 s: five runs of 16 frames), never below the
+// level of digital silence; a short pause between words reaches the true
+// floor, which a smoothed energy does not.
+//
+// A frame is speech when a band lies more than 9 dB above its background
+// and no more than 30 dB below the speech peak (a level that follows the
+// loudest speech frame and decays by 5 dB/s). Coming out of background, the
+// coded segment must also lie 9 dB above its own background: the analysis
+// frame runs half a frame ahead of the coded segment, and an onset in that
+// look-ahead is coded by the next packet. Speech goes at full rate, or at
+// half rate when it is 20 dB or more below the peak (on the held-out corpus
+// this costs less mel-cepstral distortion per bit saved than sending
+// unvoiced frames at half rate).
+// A loud signal (a band above about -40 dB against a full-scale sine) or a
+// tonal one (above about -60 dB, its level steady within 1 dB from frame
+// to frame, more than 18 dB of short-term prediction gain) is never background: a
+// stationary sound such as music on hold, a tone or a square wave fills the
+// minimum window and would otherwise pass for background. It goes at full
+// rate.
+// After speech or signal, the next kHangoverFrames frames go at half rate,
+// then eighth rate. The result is bounded to [min_rate, max_rate].
+#include "encoder/robust_rate.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "common/fixed_point.h"
+#include "encoder/encoder_state.h"
+
+namespace kevrc {
+namespace {
+
+constexpr int16_t kEighth = 1;
+constexpr int16_t kHalf = 3;
+constexpr int16_t kFull = 4;
+
+constexpr int kCoded = 80;                // first sample of the coded segment in speech[]
+constexpr int16_t kRunFrames = 16;        // frames per run of the minimum window
+constexpr int16_t kNoLevel = 32767;       // start of a run's minimum
+constexpr int32_t kLevelOffset = 31744;   // 31 in Q10: log2 of a Q31 fraction -> of the energy
+constexpr int kSegmentShift = 5;          // coded-segment energy / 32
+constexpr int16_t kSilenceLevel = 6200;   // about -72 dB against a full-scale sine: digital silence
+constexpr int16_t kStartFloor = 10300;    // about -60 dB: background assumed before any is seen
+constexpr int16_t kSpeechMargin = 3060;   // 9 dB above the background
+constexpr int16_t kBelowPeak = 10200;     // 30 dB: weaker frames are not speech
+constexpr int16_t kWeak = 6800;           // 20 dB below the peak: weak speech, half rate
+constexpr int16_t kPeakDecay = 34;        // 0.1 dB per frame
+constexpr int16_t kLoudLevel = 17100;     // about -40 dB against a full-scale sine
+constexpr int16_t kTonalLevel = 10300;    // about -60 dB
+constexpr int64_t kTonalGain = 63;        // 18 dB of prediction gain, as an energy ratio
+constexpr int16_t kSteady = 340;          // 1 dB
+constexpr int16_t kHangoverFrames = 11;   // 220 ms
+
+// log2(energy) in Q10, 0 for energies below 1.
+int16_t level_of(int32_t energy) {
+  if (energy < 1) return 0;
+  return static_cast<int16_t>(add32_wrap(kevrc::log2(energy) >> 16, kLevelOffset));
+}
+
+// Sum of x^2 over the coded segment of a signal (64-bit: 160 products
+// of at most 2^30 cannot overflow).
+int64_t segment_energy(const int16_t *x) { return half_product_sums(&x[kCoded], &x[kCoded], kEncFrameLen).sum; }
+
+void start(kevrce_robust_rate_state &s) {
+  s = kevrce_robust_rate_state{};
+  for (int b = 0; b < kRobustLevels; ++b) {
+    std::fill(s.run_min[b], s.run_min[b] + kRobustSubWindows, kStartFloor);
+    s.current_min[b] = kNoLevel;
+    s.floor[b] = kStartFloor;
+  }
+}
+
+// Minimum statistics: the current run's minimum takes the level, a full run
+// moves into the window, and the background is the window's minimum.
+void track_background(kevrce_robust_rate_state &s, const int16_t *level) {
+  for (int b = 0; b < kRobustLevels; ++b) {
+    s.current_min[b] = std::min(s.current_min[b], level[b]);
+    const int16_t window = *std::min_element(s.run_min[b], s.run_min[b] + kRobustSubWindows);
+    s.floor[b] = std::max(std::min(window, s.current_min[b]), kSilenceLevel);
+  }
+  s.run_frames = add16_wrap(s.run_frames, 1);
+  if (s.run_frames < kRunFrames) return;
+  s.run_frames = 0;
+  for (int b = 0; b < kRobustLevels; ++b) {
+    std::copy(s.run_min[b] + 1, s.run_min[b] + kRobustSubWindows, s.run_min[b]);
+    s.run_min[b][kRobustSubWindows - 1] = s.current_min[b];
+    s.current_min[b] = kNoLevel;
+  }
+}
+
+bool above_background(const kevrce_robust_rate_state &s, const int16_t *level, int b) {
+  return level[b] - s.floor[b] > kSpeechMargin;
+}
+
+bool is_speech(const kevrce_robust_rate_state &s, const int16_t *level) {
+  const int16_t top = std::max(level[0], level[1]);
+  if (top < s.peak - kBelowPeak) return false;
+  if (!above_background(s, level, 0) && !above_background(s, level, 1)) return false;
+  return s.hangover > 0 || above_background(s, level, 2);
+}
+
+// Loud, or tonal: a steady level (within 1 dB of the last frame's; a
+// fading word is not steady) and a prediction gain above 18 dB,
+// sum x^2 > 63 * sum e^2.
+bool is_stationary_signal(const kevrce_robust_rate_state &s, const kevrce_work &w, const int16_t *level) {
+  const int16_t top = std::max(level[0], level[1]);
+  if (top > kLoudLevel) return true;
+  if (top <= kTonalLevel || std::abs(top - s.last_top) > kSteady) return false;
+  return segment_energy(w.speech) > kTonalGain * segment_energy(w.residual);
+}
+
+int16_t speech_rate(const kevrce_robust_rate_state &s, const int16_t *level) {
+  return std::max(level[0], level[1]) < s.peak - kWeak ? kHalf : kFull;
+}
+
+}  // namespace
+
+int16_t robust_rate_decision(kevrce_instance *enc, int32_t max_rate, int32_t min_rate) {
+  kevrce_robust_rate_state &s = enc->robust_rd;
+  if (enc->frame_count == 0) start(s);
+  const int32_t segment = sat32(asr64(segment_energy(enc->work->speech), kSegmentShift));
+  const int16_t level[kRobustLevels] = {level_of(enc->rd.band_energy[0]), level_of(enc->rd.band_energy[1]),
+                                        level_of(segment)};
+  track_background(s, level);
+
+  int16_t rate = kEighth;
+  if (is_speech(s, level)) {
+    s.peak = std::max(s.peak, std::max(level[0], level[1]));
+    rate = speech_rate(s, level);
+    s.hangover = kHangoverFrames;
+  } else if (is_stationary_signal(s, *enc->work, level)) {
+    rate = kFull;
+    s.hangover = kHangoverFrames;
+  } else if (s.hangover > 0) {
+    rate = kHalf;
+    s.hangover = sub16_wrap(s.hangover, 1);
+  }
+  s.peak = std::max<int16_t>(sub16_wrap(s.peak, kPeakDecay), 0);
+  s.last_top = std::max(level[0], level[1]);
+  return static_cast<int16_t>(std::max(std::min<int32_t>(rate, max_rate), min_rate));
+}
+
+}  // namespace kevrc
