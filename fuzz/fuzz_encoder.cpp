@@ -5,8 +5,9 @@
 //
 // Input: byte 0 selects the creation record. Values 0..251 pick one of the
 // 18 valid records (selector mod 18: max_rate 1..4, min_rate 1..max_rate
-// without 2..2, noise suppression 0/1), each equally often; 252..255 pick a
-// record creation must refuse. Then frames of 320 bytes (160 little-endian
+// without 2..2, noise suppression 0/1), each equally often, with the
+// quality mode on when selector / 18 is odd; 252..255 pick a record creation
+// must refuse. Then frames of 320 bytes (160 little-endian
 // samples; a short last frame is padded with zeros), at most 50. The sample
 // buffer and the payload buffer are heap blocks of exactly 160 samples and 24
 // bytes, and the records state those sizes.
@@ -53,6 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     return 0;
   }
   if (enc == nullptr || err != KEVRC_OK) fail();
+  if (kevrce_set_robust(enc, (sel / kValidConfigs) & 1) != KEVRC_OK) fail();
   // The coded rates the bounds allow: a bound of 2 acts as 1 (max) or 3 (min).
   const int32_t max_rate = cfg.max_rate == 2 ? 1 : cfg.max_rate;
   const int32_t min_rate = cfg.min_rate == 2 ? 3 : cfg.min_rate;
