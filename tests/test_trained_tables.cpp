@@ -3,7 +3,8 @@
 // Checks of the trained LSP codebooks and eighth-rate energy tables: the
 // fixed sample rows at their positions, codewords strictly ascending inside
 // 1..16383, every split offering an ordered continuation, and the gain table
-// following the search table, gain = round(128 * 10^(search / 8192)).
+// following the search table, gain = round(128 * 10^(search / 8192)); and
+// the log-spectral sensitivity the LSP training minimises.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include <kevrc/kevrc_kernels.h>
+#include "tools/support/lsp_sd.h"
 
 namespace {
 
@@ -88,6 +90,26 @@ TEST(TrainedTables, EnergyGainFollowsSearchRowByRow) {
     // the search value's half-unit interval must meet the gain's interval.
     const double lo = 8192.0 * std::log10((g - 0.5) / 128.0), hi = 8192.0 * std::log10((g + 0.5) / 128.0);
     EXPECT_TRUE(s + 0.5 >= lo && s - 0.5 <= hi) << "row " << i / 3 << " search " << s << " gain " << g;
+  }
+}
+
+// sqrt(e^T H e) must predict the spectral distortion of a small error e
+// (spread LSPs; close pairs moved together and apart).
+TEST(TrainedTables, SensitivityPredictsSpectralDistortion) {
+  struct Case { int16_t lsp[10]; int16_t err[10]; };
+  const Case cases[] = {
+      {{1200, 2100, 3500, 4600, 6200, 7700, 9300, 10800, 12500, 14000}, {20, -15, 10, 0, -30, 25, 0, 12, -8, 5}},
+      {{900, 1100, 3000, 3100, 6000, 6150, 9000, 11000, 13000, 15500}, {0, 0, 6, 6, 0, 0, 0, 0, 0, 0}},
+      {{900, 1100, 3000, 3100, 6000, 6150, 9000, 11000, 13000, 15500}, {5, 5, -6, 6, 8, 8, 0, 0, 0, 0}}};
+  for (const Case &c : cases) {
+    double h[10][10], q = 0;
+    kevrc::train::lsp_sd_sensitivity(c.lsp, h, 256);
+    int16_t moved[10];
+    for (int i = 0; i < 10; ++i) moved[i] = static_cast<int16_t>(c.lsp[i] + c.err[i]);
+    for (int i = 0; i < 10; ++i)
+      for (int j = 0; j < 10; ++j) q += h[i][j] * c.err[i] * c.err[j];
+    const double sd = kevrc::train::spectral_distortion_db(c.lsp, moved);
+    EXPECT_NEAR(std::sqrt(q), sd, 0.03 * sd) << c.lsp[0] << " " << c.err[0];
   }
 }
 

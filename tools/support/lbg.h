@@ -14,8 +14,10 @@
 //  - lsp_joint_train(): Lloyd iterations of a whole split LSP codebook with
 //    the encoder's own search, split by split with the ordering rule, on the
 //    exact integer distance of the quantizer (lsp_split_distance below, the
-//    same arithmetic as kevrce_lspmaq). Centroids are per-dimension weighted
-//    means with the quantizer's weights.
+//    same arithmetic as kevrce_lspmaq). Centroids minimise each frame's
+//    training distance (LspFrame::metric) over the cell: per-dimension
+//    weighted means with its diagonal, or, with full_metric, the solution of
+//    (sum M) c = sum M x with the split's block M of every member.
 //
 // Floating point and allocation are fine here: this is tool code.
 #pragma once
@@ -59,11 +61,14 @@ inline constexpr SplitLayout kLayoutEighth{2, {5, 5, 0, 0}, {16, 16, 0, 0}};
 constexpr int kSeamGap = 261;
 
 // One training frame: unquantized LSPs (Q15) with the weights and shifts that
-// kevrce_norm_lsp computes from them.
+// kevrce_norm_lsp computes from them (the search's distance), and the
+// training distance e^T metric e that the centroids minimise (diagonal for
+// per-LSP weights; symmetric).
 struct LspFrame {
   int16_t lsp[10];
   int16_t weight[10];
   int16_t shift[10];
+  float metric[10][10] = {};
 };
 
 // Effective weight of LSP p in the quantizer's distance, which is
@@ -473,9 +478,39 @@ inline bool lsp_codeword_valid(const int16_t *cw, int n) {
 struct JointStats {
   int iterations = 0;
   int refills = 0;
-  double distortion = 0;      // mean weighted squared error (float weights) per frame
+  double distortion = 0;      // mean training distance (float metric) per frame, best table
   double int_distortion = 0;  // mean summed quantizer distance per frame
 };
+
+// Solves the n x n system m c = b (n <= 5) by Gaussian elimination with
+// partial pivoting; false when m is (numerically) singular.
+inline bool solve_small(std::vector<double> m, std::vector<double> b, int n, float *c) {
+  for (int col = 0; col < n; ++col) {
+    int piv = col;
+    for (int r = col + 1; r < n; ++r)
+      if (std::fabs(m[static_cast<size_t>(r * n + col)]) >
+          std::fabs(m[static_cast<size_t>(piv * n + col)]))
+        piv = r;
+    const double d = m[static_cast<size_t>(piv * n + col)];
+    if (!(std::fabs(d) > 1e-300)) return false;
+    for (int k = 0; k < n; ++k)
+      std::swap(m[static_cast<size_t>(col * n + k)], m[static_cast<size_t>(piv * n + k)]);
+    std::swap(b[static_cast<size_t>(col)], b[static_cast<size_t>(piv)]);
+    for (int r = col + 1; r < n; ++r) {
+      const double f = m[static_cast<size_t>(r * n + col)] / d;
+      for (int k = col; k < n; ++k)
+        m[static_cast<size_t>(r * n + k)] -= f * m[static_cast<size_t>(col * n + k)];
+      b[static_cast<size_t>(r)] -= f * b[static_cast<size_t>(col)];
+    }
+  }
+  for (int r = n - 1; r >= 0; --r) {
+    double v = b[static_cast<size_t>(r)];
+    for (int k = r + 1; k < n; ++k) v -= m[static_cast<size_t>(r * n + k)] * c[k];
+    c[r] = static_cast<float>(v / m[static_cast<size_t>(r * n + r)]);
+    if (!std::isfinite(c[r])) return false;
+  }
+  return true;
+}
 
 // Lloyd iterations of the whole codebook `book` (layout's table) with the
 // sequential constrained search; rows with fixed[i] set (i indexes rows of
@@ -483,38 +518,62 @@ struct JointStats {
 // rounded integer distance and the ordering rule are not the error the
 // centroids minimise, an iteration can make things worse: every codebook is
 // evaluated with the search and the best one seen is returned in `book`.
-// Stops when the relative change of the weighted error is below the
+// Stops when the relative change of the training distance is below the
 // tolerance or after max_iterations evaluations.
 inline JointStats lsp_joint_train(const std::vector<LspFrame> &frames, const SplitLayout &layout,
                                   std::vector<int16_t> &book, const std::vector<char> &fixed,
-                                  int max_iterations, double tolerance,
+                                  int max_iterations, double tolerance, bool full_metric = false,
                                   const std::function<void(int, double)> &progress = nullptr) {
   JointStats st;
   double prev = INFINITY, best = INFINITY;
   std::vector<int16_t> best_book = book;
   std::vector<detail::CellSums> sums(static_cast<size_t>(layout.num_splits));
+  // full_metric: per split and cell, sum of the members' blocks M (n x n)
+  // and of M x (n).
+  std::vector<std::vector<double>> msum(static_cast<size_t>(layout.num_splits)),
+      mxsum(static_cast<size_t>(layout.num_splits));
   for (int it = 0; it < max_iterations; ++it) {
-    for (int s = 0; s < layout.num_splits; ++s)
+    for (int s = 0; s < layout.num_splits; ++s) {
+      const size_t K = static_cast<size_t>(layout.entries[s]),
+                   n = static_cast<size_t>(layout.dims[s]);
       sums[static_cast<size_t>(s)].reset(layout.entries[s], layout.dims[s]);
+      if (full_metric) {
+        msum[static_cast<size_t>(s)].assign(K * n * n, 0.0);
+        mxsum[static_cast<size_t>(s)].assign(K * n, 0.0);
+      }
+    }
     double total = 0, itotal = 0;
     for (const LspFrame &f : frames) {
       int idx[4];
       int16_t q[10];
       itotal += static_cast<double>(lsp_split_search(f, layout, book.data(), idx, q));
       float x[10], w[10];
-      double e2[10];
+      double e2[10], ev[10];
       for (int p = 0; p < 10; ++p) {
         x[p] = f.lsp[p];
-        w[p] = static_cast<float>(effective_weight(f, p));
+        w[p] = f.metric[p][p];
         const double e = static_cast<double>(f.lsp[p]) - q[p];
+        ev[p] = e;
         e2[p] = w[p] * e * e;
         total += e2[p];
       }
+      if (full_metric)
+        for (int p = 0; p < 10; ++p)
+          for (int r = 0; r < 10; ++r)
+            if (r != p) total += double{f.metric[p][r]} * ev[p] * ev[r];
       for (int s = 0; s < layout.num_splits; ++s) {
+        const int n = layout.dims[s], p0 = layout.start(s);
         double d = 0;
-        for (int k = 0; k < layout.dims[s]; ++k) d += e2[layout.start(s) + k];
-        sums[static_cast<size_t>(s)].add(idx[s], layout.dims[s], x + layout.start(s),
-                                         w + layout.start(s), d);
+        for (int k = 0; k < n; ++k) d += e2[p0 + k];
+        sums[static_cast<size_t>(s)].add(idx[s], n, x + p0, w + p0, d);
+        if (!full_metric) continue;
+        double *m = msum[static_cast<size_t>(s)].data() + static_cast<size_t>(idx[s] * n * n);
+        double *mx = mxsum[static_cast<size_t>(s)].data() + static_cast<size_t>(idx[s] * n);
+        for (int k = 0; k < n; ++k)
+          for (int l = 0; l < n; ++l) {
+            m[k * n + l] += f.metric[p0 + k][p0 + l];
+            mx[k] += double{f.metric[p0 + k][p0 + l]} * x[p0 + l];
+          }
       }
     }
     const double N = frames.empty() ? 1.0 : static_cast<double>(frames.size());
@@ -541,7 +600,17 @@ inline JointStats lsp_joint_train(const std::vector<LspFrame> &frames, const Spl
       for (int j = 0; j < K; ++j) {
         if (fx[static_cast<size_t>(j)] || sm.count[static_cast<size_t>(j)] == 0) continue;
         float *c = cb.data() + static_cast<size_t>(j) * n;
-        for (int k = 0; k < n; ++k) {
+        const size_t nn = static_cast<size_t>(n) * static_cast<size_t>(n);
+        const bool solved =
+            full_metric &&
+            solve_small(
+                std::vector<double>(
+                    msum[static_cast<size_t>(s)].begin() + static_cast<ptrdiff_t>(j * nn),
+                    msum[static_cast<size_t>(s)].begin() + static_cast<ptrdiff_t>((j + 1) * nn)),
+                std::vector<double>(mxsum[static_cast<size_t>(s)].begin() + j * n,
+                                    mxsum[static_cast<size_t>(s)].begin() + (j + 1) * n),
+                n, c);
+        for (int k = 0; k < n && !solved; ++k) {
           const size_t i = static_cast<size_t>(j) * n + k;
           c[k] = static_cast<float>(sm.wx[i] / sm.w[i]);
         }

@@ -12,8 +12,14 @@
 //   (0 to 4 kHz).
 // spectral_distortion_db(): root-mean-square difference of the two log
 //   spectra over those points.
+// lsp_sd_sensitivity(): the matrix H (dB^2 per Q15 unit^2) with
+//   SD(lsp, lsp + e)^2 ~= e^T H e for small errors e: H[i][j] is the mean
+//   over the points of g_i(w) g_j(w), g_i = d/d lsp[i] of the log spectrum,
+//   computed exactly from dA/dw_i = sin(w_i) z^-1 R_i(z), R_i being P(z) or
+//   Q(z) without the section of LSP i.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <vector>
@@ -74,6 +80,65 @@ inline double spectral_distortion_db(const int16_t *lsp_ref, const int16_t *lsp_
     s += d * d;
   }
   return std::sqrt(s / points);
+}
+
+inline void lsp_sd_sensitivity(const int16_t *lsp, double h[10][10], int points = 128) {
+  double a[11];
+  lsp_to_lpc_double(lsp, a);
+  // r[i]: R_i(z), degree 9, for every LSP.
+  double r[10][11];
+  for (int i = 0; i < 10; ++i) {
+    double poly[12] = {1.0, (i % 2 == 0) ? 1.0 : -1.0};
+    int deg = 1;
+    for (int j = i % 2; j < 10; j += 2) {
+      if (j == i) continue;
+      const double c = -2.0 * std::cos(M_PI * lsp[j] / 16384.0);
+      double out[12] = {0};
+      for (int k = 0; k <= deg; ++k) {
+        out[k] += poly[k];
+        out[k + 1] += c * poly[k];
+        out[k + 2] += poly[k];
+      }
+      deg += 2;
+      for (int k = 0; k <= deg; ++k) poly[k] = out[k];
+    }
+    for (int k = 0; k <= 10; ++k) r[i][k] = k <= deg ? poly[k] : 0.0;
+  }
+  // dB per radian -> dB per Q15 unit, with the sign of -10 log10 |A|^2.
+  const double scale = -20.0 / std::log(10.0) * M_PI / 16384.0;
+  for (int i = 0; i < 10; ++i)
+    for (int j = 0; j < 10; ++j) h[i][j] = 0.0;
+  for (int k = 0; k < points; ++k) {
+    const double w = M_PI * k / points;
+    double cr[12], ci[12];  // e^{-j w m}
+    const double c1 = std::cos(w), s1 = -std::sin(w);
+    cr[0] = 1.0;
+    ci[0] = 0.0;
+    for (int m = 1; m <= 11; ++m) {
+      cr[m] = cr[m - 1] * c1 - ci[m - 1] * s1;
+      ci[m] = cr[m - 1] * s1 + ci[m - 1] * c1;
+    }
+    double ar = 0, ai = 0;
+    for (int m = 0; m <= 10; ++m) {
+      ar += a[m] * cr[m];
+      ai += a[m] * ci[m];
+    }
+    const double mag2 = std::max(ar * ar + ai * ai, 1e-30);
+    double g[10];
+    for (int i = 0; i < 10; ++i) {
+      double dr = 0, di = 0;  // z^-1 R_i(z)
+      for (int m = 0; m <= 9; ++m) {
+        dr += r[i][m] * cr[m + 1];
+        di += r[i][m] * ci[m + 1];
+      }
+      const double s = std::sin(M_PI * lsp[i] / 16384.0);
+      g[i] = scale * s * (dr * ar + di * ai) / mag2;  // Re(dA conj(A)) / |A|^2
+    }
+    for (int i = 0; i < 10; ++i)
+      for (int j = 0; j < 10; ++j) h[i][j] += g[i] * g[j];
+  }
+  for (int i = 0; i < 10; ++i)
+    for (int j = 0; j < 10; ++j) h[i][j] /= points;
 }
 
 // Summary of per-frame spectral distortions.
