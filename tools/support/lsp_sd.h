@@ -26,20 +26,22 @@
 
 namespace kevrc::train {
 
+// poly (degree deg, room for 12 coefficients) *= (1 + c z^-1 + z^-2); deg += 2.
+inline void mul_lsp_section(double *poly, int &deg, double c) {
+  double out[12] = {0};
+  for (int k = 0; k <= deg; ++k) {
+    out[k] += poly[k];
+    out[k + 1] += c * poly[k];
+    out[k + 2] += poly[k];
+  }
+  deg += 2;
+  for (int k = 0; k <= deg; ++k) poly[k] = out[k];
+}
+
 inline void lsp_to_lpc_double(const int16_t *lsp, double *a) {
   double p[12] = {1.0}, q[12] = {1.0};
   int np = 0, nq = 0;  // current polynomial degrees
-  auto mul_section = [](double *poly, int &deg, double c) {
-    // poly *= (1 + c z^-1 + z^-2)
-    double out[12] = {0};
-    for (int k = 0; k <= deg; ++k) {
-      out[k] += poly[k];
-      out[k + 1] += c * poly[k];
-      out[k + 2] += poly[k];
-    }
-    deg += 2;
-    for (int k = 0; k <= deg; ++k) poly[k] = out[k];
-  };
+  const auto mul_section = mul_lsp_section;
   for (int i = 0; i < 10; i += 2) mul_section(p, np, -2.0 * std::cos(M_PI * lsp[i] / 16384.0));
   for (int i = 1; i < 10; i += 2) mul_section(q, nq, -2.0 * std::cos(M_PI * lsp[i] / 16384.0));
   // Multiply by (1 + z^-1) and (1 - z^-1): degree 11; the z^-11 terms cancel in the sum.
@@ -92,15 +94,7 @@ inline void lsp_sd_sensitivity(const int16_t *lsp, double h[10][10], int points 
     int deg = 1;
     for (int j = i % 2; j < 10; j += 2) {
       if (j == i) continue;
-      const double c = -2.0 * std::cos(M_PI * lsp[j] / 16384.0);
-      double out[12] = {0};
-      for (int k = 0; k <= deg; ++k) {
-        out[k] += poly[k];
-        out[k + 1] += c * poly[k];
-        out[k + 2] += poly[k];
-      }
-      deg += 2;
-      for (int k = 0; k <= deg; ++k) poly[k] = out[k];
+      mul_lsp_section(poly, deg, -2.0 * std::cos(M_PI * lsp[j] / 16384.0));
     }
     for (int k = 0; k <= 10; ++k) r[i][k] = k <= deg ? poly[k] : 0.0;
   }
