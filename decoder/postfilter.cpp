@@ -56,28 +56,38 @@ RateSettings settings_for(int rate) {
 
 // Best lag of the residual's block-floating autocorrelation near the delay;
 // ties keep the smaller lag, and the delay itself wins when nothing is positive.
-int search_lag(const int16_t *r, int n, int t0) {
+// found is set when the returned lag's correlation was computed (then held in
+// corr; the sum is symmetric in its two arguments).
+int search_lag(const int16_t *r, int n, int t0, BlockFloat &corr, bool &found) {
   const int lo = t0 <= 22 ? 20 : t0 - 3;
   const int hi = t0 <= kMaxLag - 3 ? t0 + 3 : kMaxLag;
   BlockFloat best;  // 0 with exponent 1
   int best_lag = t0;
+  found = false;
   for (int lag = lo; lag <= hi; ++lag) {
     const BlockFloat cand = correlate(r, r - lag, n);
+    if (lag == best_lag) {
+      corr = cand;
+      found = true;
+    }
     BlockFloat a = cand;
     BlockFloat b = best;
     block_float_align(a, b);
     if (a.sum > b.sum) {
       best = cand;
       best_lag = lag;
+      corr = cand;
+      found = true;
     }
   }
   return best_lag;
 }
 
-// Pitch gain in Q31 for lag t, or 0 when the long-term filter stays off.
-int32_t pitch_gain(const int16_t *r, int n, int t) {
+// Pitch gain in Q31 for lag t, or 0 when the long-term filter stays off;
+// x_known, when given, is the correlation of r(-t) with r.
+int32_t pitch_gain(const int16_t *r, int n, int t, const BlockFloat *x_known) {
   BlockFloat e = correlate(r - t, r - t, n);
-  BlockFloat x = correlate(r - t, r, n);
+  BlockFloat x = x_known != nullptr ? *x_known : correlate(r - t, r, n);
   block_float_align(e, x);
   if (e.sum == 0 || x.sum == 0 || (x.sum < 0 && e.sum > x.sum)) return 0;
   int32_t g = 0x7FFFFFFF;
@@ -113,6 +123,14 @@ extern "C" void kevrcd_apf_weight(const int16_t *f_num, const int16_t *f_den, in
 }
 
 extern "C" void kevrcd_apf_loop(int16_t *mem, const int16_t *in, int16_t mu, int16_t n, int16_t *out) {
+  const auto at = [](const int16_t *ptr) { return reinterpret_cast<uintptr_t>(ptr); };
+  if (n > 0 && (at(out + n) <= at(in) || at(in + n) <= at(out))) {
+    // Separate arrays: every input is read as it was, so the loop vectorizes.
+    out[0] = round16(sub32_wrap(shl32_wrap(in[0], 16), mul2_16(*mem, mu)));
+    for (int i = 1; i < n; ++i) out[i] = round16(sub32_wrap(shl32_wrap(in[i], 16), mul2_16(in[i - 1], mu)));
+    *mem = in[n - 1];
+    return;
+  }
   for (int i = 0; i < n; ++i) {
     out[i] = round16(sub32_wrap(shl32_wrap(in[i], 16), mul2_16(*mem, mu)));
     *mem = in[i];  // read after the output is written (matters when out is in)
@@ -143,10 +161,14 @@ extern "C" void kecrcd_apf(kevrcd_instance *dec, int32_t delay, int16_t n) {
   const int16_t *r = &ps.res[kAcbMemory];
 
   const int t0 = static_cast<int16_t>(static_cast<uint32_t>(add32_wrap(delay, 0x8000)) >> 16);
-  const int lag = search_lag(r, n, t0);
+  BlockFloat lag_corr;
+  bool lag_corr_found = false;
+  const int lag = search_lag(r, n, t0, lag_corr, lag_corr_found);
   // In the decoder the lag is 0..120; other values (only from direct calls)
   // would read outside the history and leave the long-term filter off.
-  const int32_t g = w->rate != 1 && lag >= 0 && lag <= kAcbMemory ? pitch_gain(r, n, lag) : 0;
+  const int32_t g = w->rate != 1 && lag >= 0 && lag <= kAcbMemory
+                        ? pitch_gain(r, n, lag, lag_corr_found ? &lag_corr : nullptr)
+                        : 0;
   if (g != 0) {
     const int32_t scaled = mul_32_16(g, rs.pitch_factor);
     for (int i = 0; i < n; ++i) w->apf_p[i] = add16_wrap(r[i], round16(mul_32_16(scaled, r[i - lag])));

@@ -183,7 +183,12 @@ extern "C" void kevrce_compute_corelation(const int16_t *hn, const int16_t *acc,
       out[i] = R[i];
       continue;
     }
-    const int32_t c = acelp_dot_wrap(hn_pad, acc_pad + p);
+    // acc_pad is zero from 55 on: the terms past k = 54 - p add nothing, so
+    // whole groups of eight up to that bound give the same sum.
+    const int terms = (kAcelpPositions - p + 7) & ~7;
+    uint32_t sum = 0;
+    for (int k = 0; k < terms; ++k) sum += static_cast<uint32_t>(mul16(hn_pad[k], acc_pad[p + k]));
+    const int32_t c = static_cast<int32_t>(sum);
     const int64_t v = (2 * int64_t{c} + 32768) >> 16;  // Q(2*hn) rounded to the matrix scale
     const int64_t signed_v = (int64_t{s[p]} * v) >> 15;
     out[i] = wrap16(add32_wrap(wrap32(signed_v), R[i]));
