@@ -37,10 +37,22 @@ constexpr int kPairs = 64;
 constexpr int kStages = 6;
 
 // Bit-reversal permutation of the 64 complex pairs (6-bit indices).
+// The six-bit reversal of each pair index, worked out at compile time.
+struct BitReversal {
+  uint8_t of[kPairs];
+  constexpr BitReversal() : of() {
+    for (int i = 0; i < kPairs; ++i) {
+      int j = 0;
+      for (int b = 0; b < kStages; ++b) j |= ((i >> b) & 1) << (kStages - 1 - b);
+      of[i] = static_cast<uint8_t>(j);
+    }
+  }
+};
+constexpr BitReversal kBitReversal;
+
 void bit_reverse(int16_t *buf) {
   for (int i = 0; i < kPairs; ++i) {
-    int j = 0;
-    for (int b = 0; b < kStages; ++b) j |= ((i >> b) & 1) << (kStages - 1 - b);
+    const int j = kBitReversal.of[i];
     if (i < j) {
       std::swap(buf[2 * i], buf[2 * j]);
       std::swap(buf[2 * i + 1], buf[2 * j + 1]);
@@ -48,8 +60,6 @@ void bit_reverse(int16_t *buf) {
   }
 }
 
-// (acc + 16384) >> 15 as a 16-bit value; acc is a sum of two 16 x 16
-// products held in a wrapping 32-bit accumulator.
 int16_t round_q15(int32_t acc) { return wrap16(add32_wrap(acc, 16384) >> 15); }
 
 // Butterfly output: saturated sum, halved in the forward direction.
@@ -132,6 +142,7 @@ void inverse_split(int16_t *buf) {
     buf[2 * m] = round_shr17(add32_wrap(p, twice_diff(u, c2, v, s2)));
   }
 }
+
 
 }  // namespace
 
