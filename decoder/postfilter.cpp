@@ -112,6 +112,14 @@ int32_t agc_gain(int32_t es, int32_t eq) {
   return g >> (e >> 1);
 }
 
+// mul_32_16(a, b) for one a and many b: a's high and low parts are split
+// once, and each product is then two 16 x 16 products (vectorizable).
+struct Scale {
+  int16_t high, low;
+  explicit Scale(int32_t a) : high(static_cast<int16_t>(hi16(a))), low(static_cast<int16_t>(lo15(a))) {}
+  int32_t times(int16_t b) const { return add32_wrap(shl32_wrap(mul16(high, b), 1), mul16(low, b) >> 14); }
+};
+
 }  // namespace
 
 extern "C" void kevrcd_apf_weight(const int16_t *f_num, const int16_t *f_den, int16_t *num,
@@ -147,10 +155,17 @@ extern "C" void kecrcd_apf(kevrcd_instance *dec, int32_t delay, int16_t n) {
   if (rs.f_num != nullptr) kevrcd_apf_weight(rs.f_num, rs.f_den, w->apf_num, w->apf_den, w->lpc);
 
   // Tilt: off when neighbouring samples are negatively correlated.
+  // The sum of the terms p = mul2_16(s[i], s[i+1]) in two 32-bit parts:
+  // sum(p >> 8) * 256 + sum(p & 255), exact for n <= 54 (|p| <= 2^31), in a
+  // loop the compiler vectorizes.
   int16_t mu = rs.mu;
-  int64_t tilt = 0;
-  for (int i = 0; i + 1 < n; ++i) tilt += mul2_16(s[i], s[i + 1]);
-  if (n - 1 >= 1 && tilt < 0) mu = 0;
+  int32_t tilt_high = 0, tilt_low = 0;
+  for (int i = 0; i + 1 < n; ++i) {
+    const int32_t p = mul2_16(s[i], s[i + 1]);
+    tilt_high += p >> 8;
+    tilt_low += p & 255;
+  }
+  if (n - 1 >= 1 && int64_t{tilt_high} * 256 + tilt_low < 0) mu = 0;
 
   kevrcd_apf_loop(&ps.tilt_mem, s, mu, n, w->apf_r);
   kevrc_fir(w->apf_r, w->apf_num, ps.num_mem, n, w->apf_r);
@@ -170,8 +185,8 @@ extern "C" void kecrcd_apf(kevrcd_instance *dec, int32_t delay, int16_t n) {
                         ? pitch_gain(r, n, lag, lag_corr_found ? &lag_corr : nullptr)
                         : 0;
   if (g != 0) {
-    const int32_t scaled = mul_32_16(g, rs.pitch_factor);
-    for (int i = 0; i < n; ++i) w->apf_p[i] = add16_wrap(r[i], round16(mul_32_16(scaled, r[i - lag])));
+    const Scale scaled(mul_32_16(g, rs.pitch_factor));
+    for (int i = 0; i < n; ++i) w->apf_p[i] = add16_wrap(r[i], round16(scaled.times(r[i - lag])));
   } else {
     std::memcpy(w->apf_p, r, n * sizeof(int16_t));
   }
@@ -184,8 +199,8 @@ extern "C" void kecrcd_apf(kevrcd_instance *dec, int32_t delay, int16_t n) {
   BlockFloat eq = correlate(w->apf_q, w->apf_q, n);
   block_float_align(es, eq);
   if (eq.sum != 0) {
-    const int32_t gain = agc_gain(es.sum, eq.sum);
-    for (int i = 0; i < n; ++i) w->apf_p[i] = round16(shl32_wrap(mul_32_16(gain, w->apf_p[i]), 1));
+    const Scale gain(agc_gain(es.sum, eq.sum));
+    for (int i = 0; i < n; ++i) w->apf_p[i] = round16(shl32_wrap(gain.times(w->apf_p[i]), 1));
   }
 
   kevrc_iir(w->apf_p, w->apf_den, ps.syn_mem, n, w->apf_out);
