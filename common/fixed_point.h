@@ -133,16 +133,20 @@ constexpr inline int32_t lo15(int32_t a) { return (a >> 1) & 0x7FFF; }
 // ---------------------------------------------------------------------------
 
 // About (a*b) >> 31, truncating; (-2^31)*(-2^31) wraps to -2^31.
+// The value is defined by the split a = 2^16 ah + 2 al + bit 0 (al 15 bits,
+// likewise b): 2 ah bh + ((ah bl + al bh + ((al bl) >> 15)) >> 14), wrapped.
+// With A = a >> 1 = 2^15 ah + al (and B) that is floor(A*B / 2^29) exactly
+// (an integer added inside a floor comes out of it), so one 64-bit product
+// gives it; |A*B| <= 2^60.
 constexpr inline int32_t mul_32_32(int32_t a, int32_t b) {
-  const int32_t ah = hi16(a), al = lo15(a), bh = hi16(b), bl = lo15(b);
-  // |ah*bl + al*bh| < 2^31 and al*bl < 2^30: the inner sum fits exactly.
-  const int32_t inner = ah * bl + al * bh + ((al * bl) >> 15);
-  return add32_wrap(shl32_wrap(ah * bh, 1), inner >> 14);
+  return wrap32((int64_t{a >> 1} * (b >> 1)) >> 29);
 }
 
 // About (a*b) >> 15: Q31 x Q15 -> Q31; (-2^31)*(-32768) wraps to -2^31.
+// Defined as 2 hi16(a) b + ((lo15(a) b) >> 14), wrapped, which is
+// floor((a >> 1) * b / 2^14) exactly, as for mul_32_32.
 constexpr inline int32_t mul_32_16(int32_t a, int16_t b) {
-  return add32_wrap(shl32_wrap(hi16(a) * b, 1), (lo15(a) * b) >> 14);
+  return wrap32((int64_t{a >> 1} * b) >> 14);
 }
 
 // Number of left shifts that normalise x (0 for 0, 31 for -1).
