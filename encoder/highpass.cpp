@@ -16,11 +16,9 @@
 namespace kevrc {
 namespace {
 
-// 2*c*(y >> 16) + ((low half of y >> 1) * c >> 14): about y*c/16384.
-int32_t feedback(int32_t y, int16_t c) {
-  const int32_t low = static_cast<int32_t>((static_cast<uint32_t>(y) & 0xFFFFu) >> 1);
-  return add32_wrap(mul2_16(static_cast<int16_t>(hi16(y)), c), (low * c) >> 14);
-}
+// 2*c*(y >> 16) + ((low half of y >> 1) * c >> 14): about y*c/16384, the
+// split product mul_32_16(y, c).
+int32_t feedback(int32_t y, int16_t c) { return mul_32_16(y, c); }
 
 // The sample handed on: (16*y + 0x8000) >> 16 computed exactly, saturated.
 int16_t section_output(int32_t y) { return sat16_64((int64_t{y} * 16 + 32768) >> 16); }
