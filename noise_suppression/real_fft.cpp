@@ -152,10 +152,27 @@ extern "C" void kevrce_complex_fft(int16_t *buffer, int32_t direction) {
   for (int s = 0; s < kStages; ++s) {
     const int span = 1 << s;
     const int step = kPairs >> s;  // twiddle index step: angle 2 pi j / 2^(s+1)
+    if (span < 8) {
+      for (int j = 0; j < span; ++j) {
+        const int16_t c = kevrce_tbl_phs[2 * j * step];
+        const int16_t sn = kevrce_tbl_phs[2 * j * step + 1];
+        for (int i = j; i < kPairs; i += 2 * span) butterfly(buffer, i, i + span, c, sn, forward);
+      }
+      continue;
+    }
+    // Wide stages: the stage's twiddles gathered once, then each group's
+    // butterflies in twiddle order (independent of one another).
+    int16_t cs[kPairs / 2], sns[kPairs / 2];
     for (int j = 0; j < span; ++j) {
-      const int16_t c = kevrce_tbl_phs[2 * j * step];
-      const int16_t sn = kevrce_tbl_phs[2 * j * step + 1];
-      for (int i = j; i < kPairs; i += 2 * span) butterfly(buffer, i, i + span, c, sn, forward);
+      cs[j] = kevrce_tbl_phs[2 * j * step];
+      sns[j] = kevrce_tbl_phs[2 * j * step + 1];
+    }
+    for (int base = 0; base < kPairs; base += 2 * span) {
+      if (forward) {
+        for (int j = 0; j < span; ++j) butterfly(buffer, base + j, base + j + span, cs[j], sns[j], true);
+      } else {
+        for (int j = 0; j < span; ++j) butterfly(buffer, base + j, base + j + span, cs[j], sns[j], false);
+      }
     }
   }
 }
