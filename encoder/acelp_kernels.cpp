@@ -128,9 +128,8 @@ void acelp_cross_correlations(const int16_t *hn, int last, int step, int n, int 
   for (int g = g_lo; g <= g_hi; ++g) {
     const int lag = std::abs(offset + step * g);
     const int terms = last - lag + 1;
-    for (int k = 0; k < terms; ++k) running[k] = mul2_16(hn[k], hn[k + lag]);
     int32_t acc = 32768;  // rounds the >> 16
-    for (int k = 0; k < terms; ++k) running[k] = acc = add32_wrap(acc, running[k]);
+    for (int k = 0; k < terms; ++k) running[k] = acc = add32_wrap(acc, mul2_16(hn[k], hn[k + lag]));
     for (int m = 0; m < count; ++m) {
       const int c = g - shift[m];
       if (c < -(n - 1) || c > n - 1) continue;
