@@ -43,8 +43,10 @@ int16_t dot_row(const int16_t *row, const int16_t *x, int taps) {
 
 // One interpolated sample (see kevrc_bilinear_intrpol): the delay (Q24)
 // rounded to the nearest integer I and the eighth-sample phase of the rest,
-// then the phase's table row against x[-I-n .. -I+n].
-int16_t interpolate(const int16_t *x, int32_t delay, bool wide, int16_t n_half) {
+// then the phase's table row against x[-I-n .. -I+n]. The table is a
+// template argument so that the loops below get a copy without its choice.
+template <bool kWide>
+[[gnu::always_inline]] inline int16_t interpolate_with(const int16_t *x, int32_t delay, int16_t n_half) {
   int32_t i_delay = ((delay >> 16) + 128) >> 8;  // nearest integer, halves upward
   // |I - delay| <= 1/2, so the Q9 offset lies in -256..256 and the phase in 0..8.
   const int32_t e = sub32_wrap(shl32_wrap(i_delay, 24), delay);
@@ -54,12 +56,35 @@ int16_t interpolate(const int16_t *x, int32_t delay, bool wide, int16_t n_half) 
     i_delay -= 1;
     phase = 0;
   }
-  const int table_half = wide ? 8 : 3;
-  const int16_t *row = wide ? &tbl_ham_win1[phase * 17] : &tbl_ham_win[phase * 7];
-  const int n = n_half > table_half ? table_half : n_half;
+  constexpr int kTableHalf = kWide ? 8 : 3;
+  constexpr int kTaps = 2 * kTableHalf + 1;
+  const int16_t *row = kWide ? &tbl_ham_win1[phase * kTaps] : &tbl_ham_win[phase * kTaps];
+  const int n = n_half > kTableHalf ? kTableHalf : n_half;
   const int16_t *first = x - i_delay - n;
-  if (n == table_half) return wide ? dot_row<17>(row, first) : dot_row<7>(row, first);
+  if (n == kTableHalf) return dot_row<kTaps>(row, first);
   return dot_row(row, first, 2 * n + 1);
+}
+
+int16_t interpolate(const int16_t *x, int32_t delay, bool wide, int16_t n_half) {
+  return wide ? interpolate_with<true>(x, delay, n_half) : interpolate_with<false>(x, delay, n_half);
+}
+
+// Samples [from, to) of kevrc_get_codebook: the delay d (Q24) at sample
+// from - 1 moves by step per sample; returns the delay at sample to - 1.
+template <bool kWide>
+int32_t interpolate_run(int16_t *out, const int16_t *x, int from, int to, int32_t d, int32_t step,
+                        int16_t n_half) {
+  for (int i = from; i < to; ++i) {
+    d = add32_wrap(d, step);
+    out[i] = interpolate_with<kWide>(x + i, d, n_half);
+  }
+  return d;
+}
+
+int32_t interpolate_run(int16_t *out, const int16_t *x, int from, int to, int32_t d, int32_t step,
+                        bool wide, int16_t n_half) {
+  return wide ? interpolate_run<true>(out, x, from, to, d, step, n_half)
+              : interpolate_run<false>(out, x, from, to, d, step, n_half);
 }
 
 }  // namespace
@@ -77,17 +102,11 @@ extern "C" void kevrc_get_codebook(int16_t *out, const int16_t *x, int16_t L, co
   int32_t d = shl32_wrap(contour[0], 8);
   out[0] = interpolate(x, d, wide, n_half);
   const int32_t s1 = mul_32_32(c, shl32_wrap(sub32_wrap(contour[1], contour[0]), 3));  // Q24/sample
-  for (int i = 1; i < L; ++i) {
-    d = add32_wrap(d, s1);
-    out[i] = interpolate(x + i, d, wide, n_half);
-  }
+  interpolate_run(out, x, 1, L, d, s1, wide, n_half);
   d = shl32_wrap(contour[1], 8);  // restart exactly at the end-of-subframe delay
   out[L] = interpolate(x + L, d, wide, n_half);
   const int32_t s2 = mul_32_32(c, shl32_wrap(sub32_wrap(contour[2], contour[1]), 3));
-  for (int i = L + 1; i <= L + 9; ++i) {
-    d = add32_wrap(d, s2);
-    out[i] = interpolate(x + i, d, wide, n_half);
-  }
+  interpolate_run(out, x, L + 1, L + 10, d, s2, wide, n_half);
 }
 
 extern "C" void kevrcd_acb_excitation(int16_t *out, int16_t gain, const int32_t *contour,

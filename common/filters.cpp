@@ -42,22 +42,58 @@ int32_t taps(const int16_t *coef, const int16_t *past) {
   return acc.value();
 }
 
+// One output of the recursion from the input x and the ten newest outputs
+// y1 (newest) .. y10: the ten exact products are summed modulo 2^32
+// (unsigned: wrapping is defined), doubled and subtracted from x in Q13;
+// (8*acc + 0x8000) >> 16 = floor((acc + 4096) / 8192) is acc >> 13 plus its
+// bit 12 (within -2^18 .. 2^18), then saturated to 16 bits.
+inline int32_t iir_output(int16_t x, const int32_t *c, int32_t y1, int32_t y2, int32_t y3, int32_t y4,
+                          int32_t y5, int32_t y6, int32_t y7, int32_t y8, int32_t y9, int32_t y10) {
+  const uint32_t sum = static_cast<uint32_t>(c[0] * y1) + static_cast<uint32_t>(c[1] * y2) +
+                       static_cast<uint32_t>(c[2] * y3) + static_cast<uint32_t>(c[3] * y4) +
+                       static_cast<uint32_t>(c[4] * y5) + static_cast<uint32_t>(c[5] * y6) +
+                       static_cast<uint32_t>(c[6] * y7) + static_cast<uint32_t>(c[7] * y8) +
+                       static_cast<uint32_t>(c[8] * y9) + static_cast<uint32_t>(c[9] * y10);
+  const int32_t acc = sub32_wrap(x * 8192, static_cast<int32_t>(sum << 1));
+  const int32_t y = (acc >> 13) + ((acc >> 12) & 1);
+  // One unsigned comparison finds both saturating cases.
+  if (static_cast<uint32_t>(y + 32768) > 65535u) return y < 0 ? -32768 : 32767;
+  return y;
+}
+
 }  // namespace
 
+// The ten newest outputs live in locals; blocks of ten outputs each overwrite
+// the oldest local in turn, so no value moves between them. Each input is read
+// before the output of the same index is written, so out may be in.
 extern "C" void kevrc_iir(const int16_t *in, const int16_t *coef, int16_t *mem, int16_t n,
                           int16_t *out) {
-  int16_t hist[kOrder + kBlock];  // past outputs, then this block's outputs
-  for (int done = 0; done < n; done += kBlock) {
-    const int len = std::min<int>(n - done, kBlock);
-    load_history(mem, hist);
-    for (int i = 0; i < len; ++i) {
-      const int32_t acc = sub32_wrap(in[done + i] * 8192, taps(coef, &hist[kOrder + i]));
-      // 8*acc in 64 bits, rounded to 16 bits with saturation at both ends.
-      hist[kOrder + i] = sat16_64((int64_t{acc} * 8 + 0x8000) >> 16);
-      out[done + i] = hist[kOrder + i];
-    }
-    store_history(hist, len, mem);
+  if (n <= 0) return;
+  int32_t c[kOrder];
+  for (int k = 0; k < kOrder; ++k) c[k] = coef[k];
+  int32_t y1 = mem[0], y2 = mem[1], y3 = mem[2], y4 = mem[3], y5 = mem[4];
+  int32_t y6 = mem[5], y7 = mem[6], y8 = mem[7], y9 = mem[8], y10 = mem[9];
+  int i = 0;
+  for (; i + kOrder <= n; i += kOrder) {
+    out[i] = static_cast<int16_t>(y10 = iir_output(in[i], c, y1, y2, y3, y4, y5, y6, y7, y8, y9, y10));
+    out[i + 1] = static_cast<int16_t>(y9 = iir_output(in[i + 1], c, y10, y1, y2, y3, y4, y5, y6, y7, y8, y9));
+    out[i + 2] = static_cast<int16_t>(y8 = iir_output(in[i + 2], c, y9, y10, y1, y2, y3, y4, y5, y6, y7, y8));
+    out[i + 3] = static_cast<int16_t>(y7 = iir_output(in[i + 3], c, y8, y9, y10, y1, y2, y3, y4, y5, y6, y7));
+    out[i + 4] = static_cast<int16_t>(y6 = iir_output(in[i + 4], c, y7, y8, y9, y10, y1, y2, y3, y4, y5, y6));
+    out[i + 5] = static_cast<int16_t>(y5 = iir_output(in[i + 5], c, y6, y7, y8, y9, y10, y1, y2, y3, y4, y5));
+    out[i + 6] = static_cast<int16_t>(y4 = iir_output(in[i + 6], c, y5, y6, y7, y8, y9, y10, y1, y2, y3, y4));
+    out[i + 7] = static_cast<int16_t>(y3 = iir_output(in[i + 7], c, y4, y5, y6, y7, y8, y9, y10, y1, y2, y3));
+    out[i + 8] = static_cast<int16_t>(y2 = iir_output(in[i + 8], c, y3, y4, y5, y6, y7, y8, y9, y10, y1, y2));
+    out[i + 9] = static_cast<int16_t>(y1 = iir_output(in[i + 9], c, y2, y3, y4, y5, y6, y7, y8, y9, y10, y1));
   }
+  for (; i < n; ++i) {  // the last n mod 10 outputs, shifting the locals
+    const int32_t y = iir_output(in[i], c, y1, y2, y3, y4, y5, y6, y7, y8, y9, y10);
+    y10 = y9; y9 = y8; y8 = y7; y7 = y6; y6 = y5;
+    y5 = y4; y4 = y3; y3 = y2; y2 = y1; y1 = y;
+    out[i] = static_cast<int16_t>(y);
+  }
+  const int32_t newest[kOrder] = {y1, y2, y3, y4, y5, y6, y7, y8, y9, y10};
+  for (int k = 0; k < kOrder; ++k) mem[k] = static_cast<int16_t>(newest[k]);
 }
 
 extern "C" void kevrc_fir(const int16_t *in, const int16_t *coef, int16_t *mem, int16_t n,

@@ -133,16 +133,20 @@ constexpr inline int32_t lo15(int32_t a) { return (a >> 1) & 0x7FFF; }
 // ---------------------------------------------------------------------------
 
 // About (a*b) >> 31, truncating; (-2^31)*(-2^31) wraps to -2^31.
+// The value is defined by the split a = 2^16 ah + 2 al + bit 0 (al 15 bits,
+// likewise b): 2 ah bh + ((ah bl + al bh + ((al bl) >> 15)) >> 14), wrapped.
+// With A = a >> 1 = 2^15 ah + al (and B) that is floor(A*B / 2^29) exactly
+// (an integer added inside a floor comes out of it), so one 64-bit product
+// gives it; |A*B| <= 2^60.
 constexpr inline int32_t mul_32_32(int32_t a, int32_t b) {
-  const int32_t ah = hi16(a), al = lo15(a), bh = hi16(b), bl = lo15(b);
-  // |ah*bl + al*bh| < 2^31 and al*bl < 2^30: the inner sum fits exactly.
-  const int32_t inner = ah * bl + al * bh + ((al * bl) >> 15);
-  return add32_wrap(shl32_wrap(ah * bh, 1), inner >> 14);
+  return wrap32((int64_t{a >> 1} * (b >> 1)) >> 29);
 }
 
 // About (a*b) >> 15: Q31 x Q15 -> Q31; (-2^31)*(-32768) wraps to -2^31.
+// Defined as 2 hi16(a) b + ((lo15(a) b) >> 14), wrapped, which is
+// floor((a >> 1) * b / 2^14) exactly, as for mul_32_32.
 constexpr inline int32_t mul_32_16(int32_t a, int16_t b) {
-  return add32_wrap(shl32_wrap(hi16(a) * b, 1), (lo15(a) * b) >> 14);
+  return wrap32((int64_t{a >> 1} * b) >> 14);
 }
 
 // Number of left shifts that normalise x (0 for 0, 31 for -1).
@@ -249,32 +253,37 @@ constexpr inline void block_float_add(BlockFloat &bf, int16_t x, int16_t y, int3
 }
 
 // The fast path of a block-floating sum of 2*a[i]*b[i] over i < n from
-// BlockFloat{} (exponent 1): the terms asr32(mul2_16(a, b), 1) are summed in
-// 64 bits, and so are their magnitudes. When the magnitudes' sum is at most
-// a limit L >= 0, every prefix sum lies within -L..L, so an accumulation that
-// halves (or otherwise reacts) only beyond L never does, never wraps, and
-// ends at exactly this sum with exponent 1. Plain loop: the compiler
-// vectorizes it.
+// BlockFloat{} (exponent 1): each term asr32(mul2_16(a, b), 1) is a*b unless
+// a = b = -32768. When the magnitudes' sum is at most a limit L < 2^30, every
+// prefix sum lies within -L..L, so an accumulation that halves (or otherwise
+// reacts) only beyond L never does, never wraps, and ends at exactly the plain
+// sum of a*b with exponent 1. The magnitudes are bounded from above by
+// 2^16 * (sum of (|a|*|b| >> 16) + n), which needs only 16 x 16 -> high-16
+// products; when that bound fails the caller accumulates term by term, so
+// the bound's slack (at most n * 2^16) only costs speed. Plain loop with
+// 32-bit lanes: the compiler vectorizes it (unsigned sums: no overflow).
 struct TermSums {
-  int64_t sum = 0;
-  int64_t magnitude = 0;
+  uint32_t sum = 0;        // sum of a*b modulo 2^32
+  uint32_t high_sum = 0;   // sum of (|a|*|b|) >> 16, at most n * 2^14
 };
 
-inline TermSums half_product_sums(const int16_t *a, const int16_t *b, int n) {
+inline TermSums product_sums(const int16_t *a, const int16_t *b, int n) {
   TermSums t;
   for (int i = 0; i < n; ++i) {
-    const int32_t term = asr32(mul2_16(a[i], b[i]), 1);  // |term| <= 2^30: no 64-bit overflow
-    t.sum += term;
-    t.magnitude += term < 0 ? -int64_t{term} : int64_t{term};
+    const uint32_t ma = static_cast<uint16_t>(a[i] < 0 ? -a[i] : a[i]);  // |a|, 0..32768
+    const uint32_t mb = static_cast<uint16_t>(b[i] < 0 ? -b[i] : b[i]);
+    t.sum += static_cast<uint32_t>(int32_t{a[i]} * b[i]);
+    t.high_sum += static_cast<uint16_t>((ma * mb) >> 16);
   }
   return t;
 }
 
-// The block-floating sum when half_product_sums proves it event-free under
-// limit; false when the terms must be accumulated one by one.
+// The block-floating sum when product_sums proves it event-free under limit;
+// false when the terms must be accumulated one by one (n <= 2^16).
 inline bool block_float_fast(const int16_t *a, const int16_t *b, int n, int32_t limit, BlockFloat &out) {
-  const TermSums t = half_product_sums(a, b, n);
-  if (t.magnitude > limit) return false;
+  const TermSums t = product_sums(a, b, n);
+  const int64_t bound = (int64_t{t.high_sum} + n) * 65536;
+  if (bound > limit || bound >= (int64_t{1} << 30)) return false;
   out = BlockFloat{static_cast<int32_t>(t.sum), 1};
   return true;
 }

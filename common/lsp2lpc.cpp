@@ -48,21 +48,26 @@ extern "C" void kevrc_lsp2lpc(int16_t *lsp, int16_t *lpc) {
     p[j] = round16(kevrc_interpolation_cos129(lsp[2 * j]));
     q[j] = round16(kevrc_interpolation_cos129(lsp[2 * j + 1]));
   }
-  int32_t p1[5] = {}, p2[5] = {}, q1[5] = {}, q2[5] = {};
-  for (int k = 0; k <= 10; ++k) {
-    int32_t up = k <= 1 ? kOne : 0;                      // 1 + z^-1
-    int32_t uq = k == 0 ? kOne : k == 1 ? -kOne : 0;     // 1 - z^-1
-    for (int j = 0; j < 5; ++j) {
-      const int32_t yp = add32_wrap(p2[j], sub32_wrap(up, mul_32_16(shl32_wrap(p1[j], 1), p[j])));
-      p2[j] = p1[j];
-      p1[j] = up;
-      up = yp;
+  // Each section's state is its last two inputs, so a section is a
+  // three-tap filter over its whole input sequence (k = 0..10, zero before):
+  // the sections run one after the other, each over the eleven outputs of
+  // the one before, with the same operations as sample by sample.
+  int32_t bp[2][2 + 11] = {{0, 0, kOne, kOne}};   // two zeros, then 1 + z^-1
+  int32_t bq[2][2 + 11] = {{0, 0, kOne, -kOne}};  // two zeros, then 1 - z^-1
+  for (int j = 0; j < 5; ++j) {
+    const int32_t *up = bp[j & 1];
+    const int32_t *uq = bq[j & 1];
+    int32_t *yp = bp[(j + 1) & 1];
+    int32_t *yq = bq[(j + 1) & 1];
+    for (int k = 2; k < 13; ++k) {
+      yp[k] = add32_wrap(up[k - 2], sub32_wrap(up[k], mul_32_16(shl32_wrap(up[k - 1], 1), p[j])));
       // The q-cascade drops the lowest bit of its input: keep the asymmetry.
-      const int32_t yq = add32_wrap(q2[j], shl32_wrap(sub32_wrap(uq >> 1, mul_32_16(q1[j], q[j])), 1));
-      q2[j] = q1[j];
-      q1[j] = uq;
-      uq = yq;
+      yq[k] = add32_wrap(uq[k - 2], shl32_wrap(sub32_wrap(uq[k] >> 1, mul_32_16(uq[k - 1], q[j])), 1));
     }
-    if (k >= 1) lpc[k - 1] = round16(shl32_wrap(add32_wrap(up, uq), 2));  // (P + Q)/2 in Q12
+  }
+  const int32_t *up = bp[1];  // after five sections
+  const int32_t *uq = bq[1];
+  for (int k = 1; k <= 10; ++k) {
+    lpc[k - 1] = round16(shl32_wrap(add32_wrap(up[k + 2], uq[k + 2]), 2));  // (P + Q)/2 in Q12
   }
 }

@@ -56,28 +56,38 @@ RateSettings settings_for(int rate) {
 
 // Best lag of the residual's block-floating autocorrelation near the delay;
 // ties keep the smaller lag, and the delay itself wins when nothing is positive.
-int search_lag(const int16_t *r, int n, int t0) {
+// found is set when the returned lag's correlation was computed (then held in
+// corr; the sum is symmetric in its two arguments).
+int search_lag(const int16_t *r, int n, int t0, BlockFloat &corr, bool &found) {
   const int lo = t0 <= 22 ? 20 : t0 - 3;
   const int hi = t0 <= kMaxLag - 3 ? t0 + 3 : kMaxLag;
   BlockFloat best;  // 0 with exponent 1
   int best_lag = t0;
+  found = false;
   for (int lag = lo; lag <= hi; ++lag) {
     const BlockFloat cand = correlate(r, r - lag, n);
+    if (lag == best_lag) {
+      corr = cand;
+      found = true;
+    }
     BlockFloat a = cand;
     BlockFloat b = best;
     block_float_align(a, b);
     if (a.sum > b.sum) {
       best = cand;
       best_lag = lag;
+      corr = cand;
+      found = true;
     }
   }
   return best_lag;
 }
 
-// Pitch gain in Q31 for lag t, or 0 when the long-term filter stays off.
-int32_t pitch_gain(const int16_t *r, int n, int t) {
+// Pitch gain in Q31 for lag t, or 0 when the long-term filter stays off;
+// x_known, when given, is the correlation of r(-t) with r.
+int32_t pitch_gain(const int16_t *r, int n, int t, const BlockFloat *x_known) {
   BlockFloat e = correlate(r - t, r - t, n);
-  BlockFloat x = correlate(r - t, r, n);
+  BlockFloat x = x_known != nullptr ? *x_known : correlate(r - t, r, n);
   block_float_align(e, x);
   if (e.sum == 0 || x.sum == 0 || (x.sum < 0 && e.sum > x.sum)) return 0;
   int32_t g = 0x7FFFFFFF;
@@ -102,6 +112,14 @@ int32_t agc_gain(int32_t es, int32_t eq) {
   return g >> (e >> 1);
 }
 
+// mul_32_16(a, b) for one a and many b: a's high and low parts are split
+// once, and each product is then two 16 x 16 products (vectorizable).
+struct Scale {
+  int16_t high, low;
+  explicit Scale(int32_t a) : high(static_cast<int16_t>(hi16(a))), low(static_cast<int16_t>(lo15(a))) {}
+  int32_t times(int16_t b) const { return add32_wrap(shl32_wrap(mul16(high, b), 1), mul16(low, b) >> 14); }
+};
+
 }  // namespace
 
 extern "C" void kevrcd_apf_weight(const int16_t *f_num, const int16_t *f_den, int16_t *num,
@@ -113,6 +131,14 @@ extern "C" void kevrcd_apf_weight(const int16_t *f_num, const int16_t *f_den, in
 }
 
 extern "C" void kevrcd_apf_loop(int16_t *mem, const int16_t *in, int16_t mu, int16_t n, int16_t *out) {
+  const auto at = [](const int16_t *ptr) { return reinterpret_cast<uintptr_t>(ptr); };
+  if (n > 0 && (at(out + n) <= at(in) || at(in + n) <= at(out))) {
+    // Separate arrays: every input is read as it was, so the loop vectorizes.
+    out[0] = round16(sub32_wrap(shl32_wrap(in[0], 16), mul2_16(*mem, mu)));
+    for (int i = 1; i < n; ++i) out[i] = round16(sub32_wrap(shl32_wrap(in[i], 16), mul2_16(in[i - 1], mu)));
+    *mem = in[n - 1];
+    return;
+  }
   for (int i = 0; i < n; ++i) {
     out[i] = round16(sub32_wrap(shl32_wrap(in[i], 16), mul2_16(*mem, mu)));
     *mem = in[i];  // read after the output is written (matters when out is in)
@@ -129,10 +155,17 @@ extern "C" void kecrcd_apf(kevrcd_instance *dec, int32_t delay, int16_t n) {
   if (rs.f_num != nullptr) kevrcd_apf_weight(rs.f_num, rs.f_den, w->apf_num, w->apf_den, w->lpc);
 
   // Tilt: off when neighbouring samples are negatively correlated.
+  // The sum of the terms p = mul2_16(s[i], s[i+1]) in two 32-bit parts:
+  // sum(p >> 8) * 256 + sum(p & 255), exact for n <= 54 (|p| <= 2^31), in a
+  // loop the compiler vectorizes.
   int16_t mu = rs.mu;
-  int64_t tilt = 0;
-  for (int i = 0; i + 1 < n; ++i) tilt += mul2_16(s[i], s[i + 1]);
-  if (n - 1 >= 1 && tilt < 0) mu = 0;
+  int32_t tilt_high = 0, tilt_low = 0;
+  for (int i = 0; i + 1 < n; ++i) {
+    const int32_t p = mul2_16(s[i], s[i + 1]);
+    tilt_high += p >> 8;
+    tilt_low += p & 255;
+  }
+  if (n - 1 >= 1 && int64_t{tilt_high} * 256 + tilt_low < 0) mu = 0;
 
   kevrcd_apf_loop(&ps.tilt_mem, s, mu, n, w->apf_r);
   kevrc_fir(w->apf_r, w->apf_num, ps.num_mem, n, w->apf_r);
@@ -143,13 +176,17 @@ extern "C" void kecrcd_apf(kevrcd_instance *dec, int32_t delay, int16_t n) {
   const int16_t *r = &ps.res[kAcbMemory];
 
   const int t0 = static_cast<int16_t>(static_cast<uint32_t>(add32_wrap(delay, 0x8000)) >> 16);
-  const int lag = search_lag(r, n, t0);
+  BlockFloat lag_corr;
+  bool lag_corr_found = false;
+  const int lag = search_lag(r, n, t0, lag_corr, lag_corr_found);
   // In the decoder the lag is 0..120; other values (only from direct calls)
   // would read outside the history and leave the long-term filter off.
-  const int32_t g = w->rate != 1 && lag >= 0 && lag <= kAcbMemory ? pitch_gain(r, n, lag) : 0;
+  const int32_t g = w->rate != 1 && lag >= 0 && lag <= kAcbMemory
+                        ? pitch_gain(r, n, lag, lag_corr_found ? &lag_corr : nullptr)
+                        : 0;
   if (g != 0) {
-    const int32_t scaled = mul_32_16(g, rs.pitch_factor);
-    for (int i = 0; i < n; ++i) w->apf_p[i] = add16_wrap(r[i], round16(mul_32_16(scaled, r[i - lag])));
+    const Scale scaled(mul_32_16(g, rs.pitch_factor));
+    for (int i = 0; i < n; ++i) w->apf_p[i] = add16_wrap(r[i], round16(scaled.times(r[i - lag])));
   } else {
     std::memcpy(w->apf_p, r, n * sizeof(int16_t));
   }
@@ -162,8 +199,8 @@ extern "C" void kecrcd_apf(kevrcd_instance *dec, int32_t delay, int16_t n) {
   BlockFloat eq = correlate(w->apf_q, w->apf_q, n);
   block_float_align(es, eq);
   if (eq.sum != 0) {
-    const int32_t gain = agc_gain(es.sum, eq.sum);
-    for (int i = 0; i < n; ++i) w->apf_p[i] = round16(shl32_wrap(mul_32_16(gain, w->apf_p[i]), 1));
+    const Scale gain(agc_gain(es.sum, eq.sum));
+    for (int i = 0; i < n; ++i) w->apf_p[i] = round16(shl32_wrap(gain.times(w->apf_p[i]), 1));
   }
 
   kevrc_iir(w->apf_p, w->apf_den, ps.syn_mem, n, w->apf_out);

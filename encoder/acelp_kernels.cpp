@@ -128,9 +128,8 @@ void acelp_cross_correlations(const int16_t *hn, int last, int step, int n, int 
   for (int g = g_lo; g <= g_hi; ++g) {
     const int lag = std::abs(offset + step * g);
     const int terms = last - lag + 1;
-    for (int k = 0; k < terms; ++k) running[k] = mul2_16(hn[k], hn[k + lag]);
     int32_t acc = 32768;  // rounds the >> 16
-    for (int k = 0; k < terms; ++k) running[k] = acc = add32_wrap(acc, running[k]);
+    for (int k = 0; k < terms; ++k) running[k] = acc = add32_wrap(acc, mul2_16(hn[k], hn[k + lag]));
     for (int m = 0; m < count; ++m) {
       const int c = g - shift[m];
       if (c < -(n - 1) || c > n - 1) continue;
@@ -183,7 +182,12 @@ extern "C" void kevrce_compute_corelation(const int16_t *hn, const int16_t *acc,
       out[i] = R[i];
       continue;
     }
-    const int32_t c = acelp_dot_wrap(hn_pad, acc_pad + p);
+    // acc_pad is zero from 55 on: the terms past k = 54 - p add nothing, so
+    // whole groups of eight up to that bound give the same sum.
+    const int terms = (kAcelpPositions - p + 7) & ~7;
+    uint32_t sum = 0;
+    for (int k = 0; k < terms; ++k) sum += static_cast<uint32_t>(mul16(hn_pad[k], acc_pad[p + k]));
+    const int32_t c = static_cast<int32_t>(sum);
     const int64_t v = (2 * int64_t{c} + 32768) >> 16;  // Q(2*hn) rounded to the matrix scale
     const int64_t signed_v = (int64_t{s[p]} * v) >> 15;
     out[i] = wrap16(add32_wrap(wrap32(signed_v), R[i]));

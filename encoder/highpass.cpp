@@ -16,28 +16,44 @@
 namespace kevrc {
 namespace {
 
-// 2*c*(y >> 16) + ((low half of y >> 1) * c >> 14): about y*c/16384.
-int32_t feedback(int32_t y, int16_t c) {
-  const int32_t low = static_cast<int32_t>((static_cast<uint32_t>(y) & 0xFFFFu) >> 1);
-  return add32_wrap(mul2_16(static_cast<int16_t>(hi16(y)), c), (low * c) >> 14);
-}
+// 2*c*(y >> 16) + ((low half of y >> 1) * c >> 14): about y*c/16384, the
+// split product mul_32_16(y, c).
+int32_t feedback(int32_t y, int16_t c) { return mul_32_16(y, c); }
 
 // The sample handed on: (16*y + 0x8000) >> 16 computed exactly, saturated.
 int16_t section_output(int32_t y) { return sat16_64((int64_t{y} * 16 + 32768) >> 16); }
 
+// The zero part of a section, 16*a with a = 2*(c0 x(n-2) + c1 x(n-1) + c2 x(n))
+// wrapped, shifted down by 4 (arithmetic): x0, x1 are the two inputs before
+// x(0). Over known inputs, so the loop vectorizes.
+void zero_part(const int16_t *coef, int16_t x0, int16_t x1, const int16_t *x, int32_t *out) {
+  const auto taps = [coef](int16_t a, int16_t b, int16_t c) {
+    return add32_wrap(add32_wrap(mul2_16(coef[0], a), mul2_16(coef[1], b)), mul2_16(coef[2], c)) >> 4;
+  };
+  out[0] = taps(x0, x1, x[0]);
+  out[1] = taps(x1, x[0], x[1]);
+  for (int n = 2; n < kEncFrameLen; ++n) out[n] = taps(x[n - 2], x[n - 1], x[n]);
+}
+
 void run_section(const int16_t *coef, int16_t *x_hist, int32_t *y_hist, int16_t *samples) {
+  int32_t zeros[kEncFrameLen];
+  zero_part(coef, x_hist[0], x_hist[1], samples, zeros);
+  x_hist[0] = samples[kEncFrameLen - 2];
+  x_hist[1] = samples[kEncFrameLen - 1];
+  // The pole part, with the two last outputs in locals.
+  const int16_t c3 = coef[3];
+  const int16_t c4 = coef[4];
+  int32_t y0 = y_hist[0];
+  int32_t y1 = y_hist[1];
   for (int n = 0; n < kEncFrameLen; ++n) {
-    const int16_t x = samples[n];
-    int32_t a = add32_wrap(mul2_16(coef[0], x_hist[0]), mul2_16(coef[1], x_hist[1]));
-    a = add32_wrap(a, mul2_16(coef[2], x));
-    int32_t y = sub32_wrap(a >> 4, feedback(y_hist[0], coef[3]));
-    y = shl32_wrap(sub32_wrap(y, feedback(y_hist[1], coef[4])), 2);
-    x_hist[0] = x_hist[1];
-    x_hist[1] = x;
-    y_hist[0] = y_hist[1];
-    y_hist[1] = y;
+    int32_t y = sub32_wrap(zeros[n], feedback(y0, c3));
+    y = shl32_wrap(sub32_wrap(y, feedback(y1, c4)), 2);
+    y0 = y1;
+    y1 = y;
     samples[n] = section_output(y);
   }
+  y_hist[0] = y0;
+  y_hist[1] = y1;
 }
 
 }  // namespace

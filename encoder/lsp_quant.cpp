@@ -90,14 +90,85 @@ int16_t distance(const int16_t *lsp, const int16_t *weight, const int16_t *shift
 
 // Searches one split's codebook (n LSPs from position first); returns the
 // chosen index.
+// weighted_term for a whole block of t0 values with one exponent n: the
+// saturating shift as two comparisons against the largest unsaturated
+// magnitudes (exponents past 31 saturate as 31 does).
+struct TermShift {
+  int n = 0;         // the exponent, limited to 31 when positive
+  int32_t high = 0;  // largest t0 that shifts without saturating
+  int32_t low = 0;   // smallest such t0
+  TermShift() = default;
+  explicit TermShift(int16_t shift)
+      : n(shift > 31 ? 31 : shift), high(n > 0 ? INT32_MAX >> n : 0), low(n > 0 ? INT32_MIN >> n : 0) {}
+  int32_t term(int32_t t0) const {
+    if (n <= 0) return t0 >> 16;
+    if (t0 == 0) return -32768;
+    if (t0 > high) return 32767;
+    if (t0 < low) return -32768;
+    return shl32_wrap(t0, n) >> 16;
+  }
+};
+
+// round16_sat(shl32_wrap(acc, 1)) in 32 bits: below 0x7FFF8000 the rounding
+// addition cannot overflow, and from there on the result saturates.
+int16_t rounded_distance(uint32_t acc) {
+  const int32_t v = static_cast<int32_t>(acc << 1);
+  return v > 0x7FFF7FFF ? kWorst : static_cast<int16_t>((v + 0x8000) >> 16);
+}
+
+// The distances of kBlockSize consecutive codewords, dimension by dimension
+// over the block (fixed counts: the compiler vectorizes the inner loops).
+constexpr int kBlockSize = 16;
+
+template <int kN>
+void block_distances(const int16_t *lsp, const int16_t *weight, const TermShift *shifts,
+                     const int16_t *codewords, int16_t *dist) {
+  uint32_t acc[kBlockSize] = {};
+  for (int k = 0; k < kN; ++k) {
+    int16_t column[kBlockSize];
+    for (int j = 0; j < kBlockSize; ++j) column[j] = codewords[j * kN + k];
+    const int16_t l = lsp[k], w = weight[k];
+    const TermShift ts = shifts[k];
+    if (ts.n <= 0) {
+      for (int j = 0; j < kBlockSize; ++j) {
+        const int16_t diff = sub16_wrap(l, column[j]);
+        acc[j] += static_cast<uint32_t>(mul16(diff, static_cast<int16_t>(mul2_16(w, diff) >> 16)));
+      }
+    } else {
+      for (int j = 0; j < kBlockSize; ++j) {
+        const int16_t diff = sub16_wrap(l, column[j]);
+        acc[j] += static_cast<uint32_t>(mul16(diff, static_cast<int16_t>(ts.term(mul2_16(w, diff)))));
+      }
+    }
+  }
+  for (int j = 0; j < kBlockSize; ++j) dist[j] = rounded_distance(acc[j]);
+}
+
 template <int kN>
 uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
                       int n, int entries, const int16_t *book) {
   int16_t best = kWorst;
   uint16_t chosen = 0;
-  for (int j = 0; j < entries; ++j) {
+  int j = 0;
+  if constexpr (kN > 0) {
+    // Whole blocks: the distances first, then the seam rule and the choice.
+    TermShift shifts[kN];
+    for (int k = 0; k < kN; ++k) shifts[k] = TermShift(shift[first + k]);
+    const int32_t seam = first > 0 ? weight[first - 1] + kMinSeam : INT32_MIN;
+    for (; j + kBlockSize <= entries; j += kBlockSize) {
+      int16_t dist[kBlockSize];
+      block_distances<kN>(lsp + first, weight + first, shifts, book + j * kN, dist);
+      for (int b = 0; b < kBlockSize; ++b) {
+        const int16_t d = book[(j + b) * kN] <= seam ? kWorst : dist[b];
+        if (d <= best) {
+          best = d;
+          chosen = static_cast<uint16_t>(j + b);
+        }
+      }
+    }
+  }
+  for (; j < entries; ++j) {
     const int16_t *codeword = book + j * n;
-    // A codeword too close to the previous split scores kWorst unmeasured.
     const bool too_close = first > 0 && codeword[0] <= weight[first - 1] + kMinSeam;
     const int16_t dist =
         too_close ? kWorst : distance<kN>(lsp + first, weight + first, shift + first, n, codeword);
@@ -109,7 +180,6 @@ uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *
   return chosen;
 }
 
-// search_split with the split sizes of the rates (2 to 5) unrolled.
 uint16_t search_any_split(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
                           int n, int entries, const int16_t *book) {
   switch (n) {

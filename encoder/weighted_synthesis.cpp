@@ -35,8 +35,12 @@ namespace {
 constexpr int kImpLen = 54;
 constexpr int16_t kOne = 2048;  // 1.0 in Q11
 
-
-
+// sum over k < 10 of coef[k] * past[-k] (past[0] the newest sample), wrapping.
+int32_t dot_past(const int16_t *coef, const int16_t *past) {
+  uint32_t acc = 0;
+  for (int k = 0; k < kLpcOrder; ++k) acc += static_cast<uint32_t>(mul16(coef[k], past[-k]));
+  return static_cast<int32_t>(acc);
+}
 
 }  // namespace
 }  // namespace kevrc
@@ -47,23 +51,33 @@ extern "C" void kevrce_weighed_imp_res(const int16_t *a, const int16_t *aq, int1
   int16_t w1[kLpcOrder], w2[kLpcOrder];
   weigh_lpc(a, kevrc_tbl_wfac_gamma_1, w1);
   weigh_lpc(a, kevrc_tbl_wfac_gamma_2, w2);
-  int16_t *syn = scratch;           // outputs of 1/Aq(z), Q11
-  int16_t *out = scratch + kLpcOrder;  // outputs of the whole chain, Q11
-  std::memset(scratch, 0, 2 * kLpcOrder * sizeof(int16_t));
-  syn[0] = kOne;
-  out[0] = kOne;
-  h[0] = kOne;
+  // Each stage runs over the whole response in turn, on arrays with ten
+  // zeros of history in front: sy = 1/Aq(z) on the impulse, f = A(z/g1) on
+  // sy, ho = 1/A(z/g2) on f (= h).
+  int16_t sy_hist[kLpcOrder + kImpLen] = {};
+  int16_t ho_hist[kLpcOrder + kImpLen] = {};
+  int16_t f[kImpLen];
+  int16_t *sy = sy_hist + kLpcOrder;
+  int16_t *ho = ho_hist + kLpcOrder;
+  sy[0] = kOne;
+  // 1/Aq(z) with no further input: -sum syn*aq, Q23 -> Q27 -> Q11.
+  for (int i = 1; i < kImpLen; ++i) sy[i] = round16(neg32_wrap(shl32_wrap(dot_past(aq, &sy[i - 1]), 4)));
+  // A(z/g1): sy in Q24 plus 2 * sum syn*w1 (Q24), to Q27, rounded to Q11.
   for (int i = 1; i < kImpLen; ++i) {
-    // 1/Aq(z) with no further input: -sum syn*aq, Q23 -> Q27 -> Q11.
-    const int16_t ys = round16(neg32_wrap(shl32_wrap(dot_lpc(syn, aq), 4)));
-    // A(z/g1): ys in Q24 plus 2 * sum syn*w1 (Q24), to Q27, rounded to Q11.
-    const int32_t num = shl32_wrap(add32_wrap(shl32_wrap(ys, 13), shl32_wrap(dot_lpc(syn, w1), 1)), 3);
-    const int16_t f = round16_sat(num);
-    // 1/A(z/g2): f in Q24 less 2 * sum out*w2 (Q24), to Q27, rounded to Q11.
-    const int32_t den = sub32_wrap(shl32_wrap(f, 13), shl32_wrap(dot_lpc(out, w2), 1));
-    h[i] = round16(shl32_wrap(den, 3));
-    push_history(syn, ys);
-    push_history(out, h[i]);
+    const int32_t num =
+        shl32_wrap(add32_wrap(shl32_wrap(sy[i], 13), shl32_wrap(dot_past(w1, &sy[i - 1]), 1)), 3);
+    f[i] = round16_sat(num);
+  }
+  // 1/A(z/g2): f in Q24 less 2 * sum out*w2 (Q24), to Q27, rounded to Q11.
+  ho[0] = kOne;
+  for (int i = 1; i < kImpLen; ++i) {
+    const int32_t den = sub32_wrap(shl32_wrap(f[i], 13), shl32_wrap(dot_past(w2, &ho[i - 1]), 1));
+    ho[i] = round16(shl32_wrap(den, 3));
+  }
+  std::memcpy(h, ho, kImpLen * sizeof(int16_t));
+  for (int k = 0; k < kLpcOrder; ++k) {  // the histories, newest first
+    scratch[k] = sy[kImpLen - 1 - k];
+    scratch[kLpcOrder + k] = ho[kImpLen - 1 - k];
   }
 }
 

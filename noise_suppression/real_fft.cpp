@@ -37,10 +37,22 @@ constexpr int kPairs = 64;
 constexpr int kStages = 6;
 
 // Bit-reversal permutation of the 64 complex pairs (6-bit indices).
+// The six-bit reversal of each pair index, worked out at compile time.
+struct BitReversal {
+  uint8_t of[kPairs];
+  constexpr BitReversal() : of() {
+    for (int i = 0; i < kPairs; ++i) {
+      int j = 0;
+      for (int b = 0; b < kStages; ++b) j |= ((i >> b) & 1) << (kStages - 1 - b);
+      of[i] = static_cast<uint8_t>(j);
+    }
+  }
+};
+constexpr BitReversal kBitReversal;
+
 void bit_reverse(int16_t *buf) {
   for (int i = 0; i < kPairs; ++i) {
-    int j = 0;
-    for (int b = 0; b < kStages; ++b) j |= ((i >> b) & 1) << (kStages - 1 - b);
+    const int j = kBitReversal.of[i];
     if (i < j) {
       std::swap(buf[2 * i], buf[2 * j]);
       std::swap(buf[2 * i + 1], buf[2 * j + 1]);
@@ -48,8 +60,6 @@ void bit_reverse(int16_t *buf) {
   }
 }
 
-// (acc + 16384) >> 15 as a 16-bit value; acc is a sum of two 16 x 16
-// products held in a wrapping 32-bit accumulator.
 int16_t round_q15(int32_t acc) { return wrap16(add32_wrap(acc, 16384) >> 15); }
 
 // Butterfly output: saturated sum, halved in the forward direction.
@@ -133,6 +143,7 @@ void inverse_split(int16_t *buf) {
   }
 }
 
+
 }  // namespace
 
 extern "C" void kevrce_complex_fft(int16_t *buffer, int32_t direction) {
@@ -141,10 +152,27 @@ extern "C" void kevrce_complex_fft(int16_t *buffer, int32_t direction) {
   for (int s = 0; s < kStages; ++s) {
     const int span = 1 << s;
     const int step = kPairs >> s;  // twiddle index step: angle 2 pi j / 2^(s+1)
+    if (span < 8) {
+      for (int j = 0; j < span; ++j) {
+        const int16_t c = kevrce_tbl_phs[2 * j * step];
+        const int16_t sn = kevrce_tbl_phs[2 * j * step + 1];
+        for (int i = j; i < kPairs; i += 2 * span) butterfly(buffer, i, i + span, c, sn, forward);
+      }
+      continue;
+    }
+    // Wide stages: the stage's twiddles gathered once, then each group's
+    // butterflies in twiddle order (independent of one another).
+    int16_t cs[kPairs / 2], sns[kPairs / 2];
     for (int j = 0; j < span; ++j) {
-      const int16_t c = kevrce_tbl_phs[2 * j * step];
-      const int16_t sn = kevrce_tbl_phs[2 * j * step + 1];
-      for (int i = j; i < kPairs; i += 2 * span) butterfly(buffer, i, i + span, c, sn, forward);
+      cs[j] = kevrce_tbl_phs[2 * j * step];
+      sns[j] = kevrce_tbl_phs[2 * j * step + 1];
+    }
+    for (int base = 0; base < kPairs; base += 2 * span) {
+      if (forward) {
+        for (int j = 0; j < span; ++j) butterfly(buffer, base + j, base + j + span, cs[j], sns[j], true);
+      } else {
+        for (int j = 0; j < span; ++j) butterfly(buffer, base + j, base + j + span, cs[j], sns[j], false);
+      }
     }
   }
 }

@@ -100,5 +100,29 @@ TEST(Postfilter, FullRateKeepsTheLevelOfVoicedSpeech) {
   EXPECT_NEAR(filter_tone(3, lsp, 40, 5000, 40 << 16).gain_db, 0.0, 1.5);
 }
 
+// A run of -32768 samples: each doubled product of neighbours wraps to
+// -2^31, so the tilt sum is negative and the tilt stays off (outputs exact).
+TEST(Postfilter, TiltOffWhenDoubledProductsWrap) {
+  const struct {
+    int rate, n, run_start, run_len;
+    int16_t first, second, last;
+  } cases[] = {{4, 53, 0, 53, -21485, 23746, -14776},
+               {3, 54, 10, 30, 156, 134, 148},
+               {4, 53, 20, 33, -2360, -2112, -14108}};
+  int16_t lsp[10], lpc[10];
+  std::copy(kevrc_prev_lsp, kevrc_prev_lsp + 10, lsp);
+  kevrc_lsp2lpc(lsp, lpc);
+  for (const auto &c : cases) {
+    Decoder d;
+    std::vector<int16_t> s(c.n, 3000);
+    std::fill_n(s.begin() + c.run_start, c.run_len, int16_t{-32768});
+    prepare(d, c.rate, s, lpc);
+    kecrcd_apf(d.get(), 40 << 16, static_cast<int16_t>(c.n));
+    EXPECT_EQ(d.work().apf_out[0], c.first) << c.run_start;
+    EXPECT_EQ(d.work().apf_out[1], c.second) << c.run_start;
+    EXPECT_EQ(d.work().apf_out[c.n - 1], c.last) << c.run_start;
+  }
+}
+
 }  // namespace
 }  // namespace kevrc
