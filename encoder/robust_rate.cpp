@@ -79,9 +79,14 @@ int16_t level_of(int32_t energy) {
   return static_cast<int16_t>(add32_wrap(kevrc::log2(energy) >> 16, kLevelOffset));
 }
 
-// Sum of x^2 over the coded segment of a signal (64-bit: 160 products
-// of at most 2^30 cannot overflow).
-int64_t segment_energy(const int16_t *x) { return half_product_sums(&x[kCoded], &x[kCoded], kEncFrameLen).sum; }
+// Sum of x^2 over the coded segment of a signal, each square saturated
+// below 2^30 as the doubled product's half (64-bit: 160 of them cannot
+// overflow).
+int64_t segment_energy(const int16_t *x) {
+  int64_t sum = 0;
+  for (int n = kCoded; n < kCoded + kEncFrameLen; ++n) sum += asr32(mul2_16(x[n], x[n]), 1);
+  return sum;
+}
 
 void start(kevrce_robust_rate_state &s) {
   s = kevrce_robust_rate_state{};
