@@ -12,9 +12,9 @@
 // (creation, copies and bookkeeping excluded), the best of R runs (default
 // 3). --cpu pins the process to one CPU (or use taskset -c C). kevrc is
 // timed per configuration (full, half, bounds 1..4, bounds 1..4 with noise
-// suppression); each configuration's packets are decoded with the
+// suppression, the same in the quality mode); each configuration's packets are decoded with the
 // postfilter on and off. --config runs one configuration only (full, half,
-// var, var-ns) and --postfilter one decoder setting, for profiling (the
+// var, var-ns, quality: var-ns in the quality mode) and --postfilter one decoder setting, for profiling (the
 // other decoder column is then not measured). The last columns divide kevrc's figure
 // (bounds 1..4 with noise suppression; decoder with the postfilter) by the
 // peer's. Also printed: the instance and work-block sizes.
@@ -54,25 +54,27 @@ struct KevrcConfig {
   const char *key;
   const char *name;
   kevrce_config cfg;
+  int32_t robust;  // kevrce_set_robust
 };
 constexpr KevrcConfig kConfigs[] = {
-    {"full", "kevrc full rate", {4, 4, 0, 0}},
-    {"half", "kevrc half rate", {3, 3, 0, 0}},
-    {"var", "kevrc rates 1..4", {4, 1, 0, 0}},
-    {"var-ns", "kevrc rates 1..4 + noise suppr.", {4, 1, 0, 1}},
+    {"full", "kevrc full rate", {4, 4, 0, 0}, 0},
+    {"half", "kevrc half rate", {3, 3, 0, 0}, 0},
+    {"var", "kevrc rates 1..4", {4, 1, 0, 0}, 0},
+    {"var-ns", "kevrc rates 1..4 + noise suppr.", {4, 1, 0, 1}, 0},
+    {"quality", "kevrc 1..4 + NS, quality mode", {4, 1, 0, 1}, 1},
 };
 
 double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 // Seconds spent in the encoder's frame calls over all files; fills packets.
-double kevrc_encode(const std::vector<std::vector<int16_t>> &files, const kevrce_config &cfg,
+double kevrc_encode(const std::vector<std::vector<int16_t>> &files, const KevrcConfig &config,
                     std::vector<Packets> &packets) {
   double seconds = 0;
   packets.assign(files.size(), {});
   for (size_t f = 0; f < files.size(); ++f) {
     int32_t err = 0;
-    kevrce_instance *enc = kevrce_create(&cfg, &err);
-    if (enc == nullptr) std::exit(1);
+    kevrce_instance *enc = kevrce_create(&config.cfg, &err);
+    if (enc == nullptr || kevrce_set_robust(enc, config.robust) != KEVRC_OK) std::exit(1);
     int16_t frame[kFrame];
     uint8_t payload[KEVRC_ENCODER_BUFFER_BYTES];
     kevrce_result res;
@@ -203,7 +205,7 @@ int main(int argc, char **argv) {
   Options o;
   if (!parse(argc, argv, o)) {
     std::fprintf(stderr,
-                 "usage: kevrc_bench [--seconds N] [--repeat R] [--cpu C] [--config full|half|var|var-ns]\n"
+                 "usage: kevrc_bench [--seconds N] [--repeat R] [--cpu C] [--config full|half|var|var-ns|quality]\n"
                  "                   [--postfilter 0|1] [--no-peers] [--root DIR]\n");
     return 2;
   }
@@ -239,7 +241,7 @@ int main(int argc, char **argv) {
   for (const KevrcConfig &c : kConfigs) {
     if (!o.config.empty() && o.config != c.key) continue;
     std::vector<Packets> packets;
-    const double enc = best_of(o.repeat, [&] { return kevrc_encode(files, c.cfg, packets); });
+    const double enc = best_of(o.repeat, [&] { return kevrc_encode(files, c, packets); });
     double dec[2] = {};
     for (int pf : {1, 0}) {
       if (o.postfilter < 0 || o.postfilter == pf) dec[1 - pf] = best_of(o.repeat, [&] { return kevrc_decode(packets, pf); });
