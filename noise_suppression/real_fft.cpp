@@ -36,7 +36,6 @@ namespace {
 constexpr int kPairs = 64;
 constexpr int kStages = 6;
 
-// Bit-reversal permutation of the 64 complex pairs (6-bit indices).
 // The six-bit reversal of each pair index, worked out at compile time.
 struct BitReversal {
   uint8_t of[kPairs];
@@ -50,6 +49,7 @@ struct BitReversal {
 };
 constexpr BitReversal kBitReversal;
 
+// Bit-reversal permutation of the 64 complex pairs (6-bit indices).
 void bit_reverse(int16_t *buf) {
   for (int i = 0; i < kPairs; ++i) {
     const int j = kBitReversal.of[i];
@@ -60,6 +60,8 @@ void bit_reverse(int16_t *buf) {
   }
 }
 
+// (acc + 16384) >> 15 as a 16-bit value; acc is a sum of two 16 x 16
+// products held in a wrapping 32-bit accumulator.
 int16_t round_q15(int32_t acc) { return wrap16(add32_wrap(acc, 16384) >> 15); }
 
 // Butterfly output: saturated sum, halved in the forward direction.
