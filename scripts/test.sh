@@ -99,11 +99,12 @@ if [ "$fuzz_seconds" -gt 0 ] && command -v clang++ >/dev/null 2>&1; then
     done
   done
   # Encoder seeds: one per valid creation record (selector k), 10 frames of
-  # noise, then 10 of silence.
+  # generated white noise (the same every run), then 10 of silence.
   mkdir -p build-fuzz/seeds_encoder
+  build/tools/make_test_audio signal white 8000 1 0.2 build-fuzz/white.wav
   k=0
   while [ "$k" -lt 18 ]; do
-    { printf "\\$(printf %03o "$k")"; head -c 3200 /dev/urandom; head -c 3200 /dev/zero; } \
+    { printf "\\$(printf %03o "$k")"; tail -c 3200 build-fuzz/white.wav; head -c 3200 /dev/zero; } \
       >"build-fuzz/seeds_encoder/seed$k"
     k=$((k + 1))
   done
