@@ -99,6 +99,8 @@ case_batch() {
   "$kevrc" encode -q -o e v1.wav missing.wav v2.wav v3.wav 2>err.txt
   check "a failed file does not stop the batch" "[ $? = 1 ] && [ $(wc -l <err.txt) = 2 ] && ls e | grep -c evrc | grep -q 3"
   "$kevrc" decode -q -j 2 -o d e/v1.evrc e/v2.evrc e/v3.evrc || fail "batch decode"
+  mkdir x && cp v1.wav x/ && "$kevrc" encode -q -o e v1.wav x/v1.wav 2>err.txt
+  check "two inputs for one output refused" "[ $? = 2 ] && [ $(wc -l <err.txt) = 1 ]"
   for i in 1 2 3; do
     "$kevrc" encode v$i.wav v$i.evrc && "$kevrc" decode v$i.evrc v$i.wav
     check "batch file $i equals a one-file run" "cmp -s e/v$i.evrc v$i.evrc && cmp -s d/v$i.wav v$i.wav"

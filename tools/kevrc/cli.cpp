@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <thread>
 
 #include "tools/kevrc/commands.h"
@@ -184,6 +185,12 @@ int run_files(const Options &opt, const char *what, const std::string &extension
   struct stat st {};
   if (stat(opt.out_dir.c_str(), &st) != 0) return fail(opt.out_dir + ": " + std::strerror(errno)), kExitFailure;
   if (!S_ISDIR(st.st_mode)) return fail(opt.out_dir + ": not a directory"), kExitFailure;
+  // Two inputs with one base name would write one output from two threads.
+  std::map<std::string, std::string> writers;  // output -> its input
+  for (const std::string &in : opt.files) {
+    const auto [at, fresh] = writers.emplace(output_name(opt.out_dir, in, extension), in);
+    if (!fresh && in != "-") return fail(at->second + " and " + in + " would both write " + at->first), kExitUsage;
+  }
   const unsigned threads = opt.jobs != 0 ? opt.jobs : std::max(1u, std::thread::hardware_concurrency());
   const auto run = [&](size_t i) {
     const std::string &in = opt.files[i];
