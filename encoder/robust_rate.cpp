@@ -72,6 +72,8 @@ constexpr int32_t kLevelOffset = 31744;   // 31 in Q10: log2 of a Q31 fraction -
 constexpr int kSegmentShift = 5;          // coded-segment energy / 32
 constexpr int16_t kSilenceLevel = 6200;   // about -72 dB against a full-scale sine: digital silence
 constexpr int16_t kStartFloor = 10300;    // about -60 dB: background assumed before any is seen
+constexpr int32_t kStartRise = 68;        // 0.2 dB per frame: how fast the start's floor may rise above it
+constexpr uint32_t kStartRiseFrames = 400;  // by then the start's bound lies above any level
 constexpr int16_t kSpeechMargin = 3060;   // 9 dB above the background
 constexpr int16_t kBelowPeak = 10200;     // 30 dB: weaker frames are not speech
 constexpr int16_t kWeak = 6800;           // 20 dB below the peak: weak speech, half rate
@@ -124,17 +126,22 @@ void start(kevrce_robust_rate_state &s) {
 }
 
 // Minimum statistics: the background is the minimum of the earlier frames'
-// levels in the window (kStartFloor before any frame: the first frame is
-// never its own background), then the current run's minimum takes the
-// level and a full run moves into the window. Leaving the frame's own level
-// out changes no decision once a level has been seen (a level below the
-// earlier minimum is not above it either), but a file that starts with
-// background compares its second frame with its first, not with an assumed
-// floor that its background may lie 10 dB or more above.
-void track_background(kevrce_robust_rate_state &s, const int16_t *level) {
+// levels in the window, then the current run's minimum takes the level and
+// a full run moves into the window. Leaving the frame's own level out
+// changes no decision (a level below the earlier minimum is not above it
+// either). At the start the background is at most kStartFloor plus 0.2 dB
+// per frame (frame `count`): a file that starts with background has it as
+// its floor within a few frames (5 for a band at -50 dB, 30 at -45 dB)
+// instead of after the 64..80 frames the window takes to fill, while a
+// sound that starts the file, whose level would otherwise become its own
+// floor, stays above that rising bound for longer than a syllable lasts
+// (a fricative at -48 dB: 16 frames, after which a steady sound cannot be
+// told from background; louder than -40 dB is never background).
+void track_background(kevrce_robust_rate_state &s, const int16_t *level, uint32_t count) {
+  const int32_t start_bound = kStartFloor + kStartRise * static_cast<int32_t>(std::min(count, kStartRiseFrames));
   for (int b = 0; b < kRobustLevels; ++b) {
     const int16_t seen = std::min(*std::min_element(s.run_min[b], s.run_min[b] + kRobustSubWindows), s.current_min[b]);
-    s.floor[b] = std::max(seen == kNoLevel ? kStartFloor : seen, kSilenceLevel);
+    s.floor[b] = std::max(static_cast<int16_t>(std::min<int32_t>(seen, start_bound)), kSilenceLevel);
     s.current_min[b] = std::min(s.current_min[b], level[b]);
   }
   s.run_frames = add16_wrap(s.run_frames, 1);
@@ -179,7 +186,7 @@ int16_t robust_rate_decision(kevrce_instance *enc, int32_t max_rate, int32_t min
   if (enc->frame_count == 0) start(s);
   int16_t level[kRobustLevels];
   frame_levels(enc, level);
-  track_background(s, level);
+  track_background(s, level, enc->frame_count);
 
   int16_t rate = kEighth;
   if (is_speech(s, level)) {

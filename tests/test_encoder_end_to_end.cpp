@@ -209,6 +209,27 @@ TEST(RobustRate, LoudStationarySoundsAreSignalAndSilenceIsBackground) {
   }
 }
 
+// The start of a file: a background louder than the floor assumed before
+// any is seen goes at eighth rate within a few frames (it used to take the
+// 64..80 frames of the minimum window to fill), and a weak fricative that
+// starts the file is never eighth: its own level must not become its floor.
+TEST(RobustRate, FileStartBackgroundIsEighthAndAStartingFricativeIsNot) {
+  struct Case {
+    double background;  // RMS of the leading background (100: -47 dB)
+    int frames;         // its length in frames
+    double fricative;   // RMS of the 16 frames of noise that follow (130: -45 dB)
+    long eighth;        // eighth-rate frames in the background
+  } const cases[] = {{100, 60, 1500, 40}, {150, 60, 1500, 21}, {0, 0, 130, 0}, {0, 0, 180, 0}};
+  for (const Case &c : cases) {
+    std::vector<int16_t> s = noise(c.frames, c.background, 51);
+    append(s, noise(16, c.fricative, 53));
+    append(s, noise(20, c.background, 52));
+    const std::vector<int> r = robust_rates({4, 1, 0, 0}, s);
+    EXPECT_EQ(std::count(r.begin(), r.begin() + c.frames, 1), c.eighth) << &c - cases;
+    EXPECT_EQ(std::count(r.begin() + c.frames + 1, r.begin() + c.frames + 16, 1), 0) << &c - cases;
+  }
+}
+
 // The configured bounds still hold in the quality mode.
 TEST(RobustRate, RateBoundsHold) {
   const std::vector<int16_t> s = words_with_short_pauses();
