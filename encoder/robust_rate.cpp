@@ -20,14 +20,16 @@
 // the coded segment (sum x^2 / 32, so that it reads like the bands, whose
 // energies are about sum x^2 / 40 for a signal inside the band). The
 // background of each is the minimum of its UNSMOOTHED levels over the
-// earlier frames of the last 64..80 (1.3 to 1.6 s: five runs of 16 frames;
-// at the start, of the frames seen so far, and about -60 dB for the first
-// frame), never below the level of digital silence; a short pause between
-// words reaches the true floor, which a smoothed energy does not, and a
-// file that starts with background has it as its floor from the second
-// frame on. Below digital silence the analysis frame's bands take its
-// whole-band level: the LPC analysis leaves the autocorrelation of a frame
-// of a few units of energy unscaled, and its band energies read loud.
+// earlier frames of the last 64..80 (1.3 to 1.6 s: five runs of 16 frames),
+// never below the level of digital silence; a short pause between words
+// reaches the true floor, which a smoothed energy does not. At the start
+// it is the minimum of the frames seen so far, but at most about -60 dB
+// rising by 0.2 dB per frame: a file that starts with background has it as
+// its floor within a few frames, and a sound that starts the file does not
+// become its own floor. Below digital silence the analysis frame's bands
+// take its whole-band level: the LPC analysis leaves the autocorrelation of
+// a frame of a few units of energy unscaled, and its band energies read
+// loud.
 //
 // A frame is speech when a band lies more than 9 dB above its background
 // and no more than 30 dB below the speech peak (a level that follows the
@@ -135,7 +137,7 @@ void start(kevrce_robust_rate_state &s) {
 // instead of after the 64..80 frames the window takes to fill, while a
 // sound that starts the file, whose level would otherwise become its own
 // floor, stays above that rising bound for longer than a syllable lasts
-// (a fricative at -48 dB: 16 frames, after which a steady sound cannot be
+// (a band at -48 dB: 15 frames, after which a steady sound cannot be
 // told from background; louder than -40 dB is never background).
 void track_background(kevrce_robust_rate_state &s, const int16_t *level, uint32_t count) {
   const int32_t start_bound = kStartFloor + kStartRise * static_cast<int32_t>(std::min(count, kStartRiseFrames));
