@@ -19,10 +19,17 @@
 // the two band energies of the analysis frame and the whole-band energy of
 // the coded segment (sum x^2 / 32, so that it reads like the bands, whose
 // energies are about sum x^2 / 40 for a signal inside the band). The
-// background of each is the minimum of its UNSMOOTHED levels over the last
-// 64..80 frames (1.3 to 1.6 s: five runs of 16 frames), never below the
-// level of digital silence; a short pause between words reaches the true
-// floor, which a smoothed energy does not.
+// background of each is the minimum of its UNSMOOTHED levels over the
+// earlier frames of the last 64..80 (1.3 to 1.6 s: five runs of 16 frames),
+// never below the level of digital silence; a short pause between words
+// reaches the true floor, which a smoothed energy does not. At the start
+// it is the minimum of the frames seen so far, but at most about -60 dB
+// rising by 0.2 dB per frame: a file that starts with background has it as
+// its floor within a few frames, and a sound that starts the file does not
+// become its own floor. Below digital silence the analysis frame's bands
+// take its whole-band level: the LPC analysis leaves the autocorrelation of
+// a frame of a few units of energy unscaled, and its band energies read
+// loud.
 //
 // A frame is speech when a band lies more than 9 dB above its background
 // and no more than 30 dB below the speech peak (a level that follows the
@@ -67,6 +74,8 @@ constexpr int32_t kLevelOffset = 31744;   // 31 in Q10: log2 of a Q31 fraction -
 constexpr int kSegmentShift = 5;          // coded-segment energy / 32
 constexpr int16_t kSilenceLevel = 6200;   // about -72 dB against a full-scale sine: digital silence
 constexpr int16_t kStartFloor = 10300;    // about -60 dB: background assumed before any is seen
+constexpr int32_t kStartRise = 68;        // 0.2 dB per frame: how fast the start's floor may rise above it
+constexpr uint32_t kStartRiseFrames = 400;  // by then the start's bound lies above any level
 constexpr int16_t kSpeechMargin = 3060;   // 9 dB above the background
 constexpr int16_t kBelowPeak = 10200;     // 30 dB: weaker frames are not speech
 constexpr int16_t kWeak = 6800;           // 20 dB below the peak: weak speech, half rate
@@ -84,31 +93,58 @@ int16_t level_of(int32_t energy) {
   return static_cast<int16_t>(add32_wrap(kevrc::log2(energy) >> 16, kLevelOffset));
 }
 
-// Sum of x^2 over the coded segment of a signal, each square saturated
+// Sum of x^2 over the 160 samples from x[first] on, each square saturated
 // below 2^30 as the doubled product's half (64-bit: 160 of them cannot
 // overflow).
-int64_t segment_energy(const int16_t *x) {
+int64_t segment_energy(const int16_t *x, int first = kCoded) {
   int64_t sum = 0;
-  for (int n = kCoded; n < kCoded + kEncFrameLen; ++n) sum += asr32(mul2_16(x[n], x[n]), 1);
+  for (int n = first; n < first + kEncFrameLen; ++n) sum += asr32(mul2_16(x[n], x[n]), 1);
   return sum;
+}
+
+// The level of an energy sum of 160 samples, read like the bands' (/ 32).
+int16_t sum_level(int64_t sum) { return level_of(sat32(asr64(sum, kSegmentShift))); }
+
+// The levels of the frame: the two bands of the analysis frame, the coded
+// segment. The LPC analysis leaves the autocorrelation of a nearly silent
+// analysis frame (a few units of energy) unscaled, and its band energies
+// then read up to 80 dB too loud: below the level of digital silence the
+// bands take the analysis frame's whole-band level (a band holds no more
+// than the whole frame).
+void frame_levels(const kevrce_instance *enc, int16_t *level) {
+  const int16_t whole = sum_level(segment_energy(enc->work->speech, kEncFrameLen));
+  for (int b = 0; b < 2; ++b) {
+    level[b] = whole < kSilenceLevel ? whole : level_of(enc->rd.band_energy[b]);
+  }
+  level[2] = sum_level(segment_energy(enc->work->speech));
 }
 
 void start(kevrce_robust_rate_state &s) {
   s = kevrce_robust_rate_state{};
   for (int b = 0; b < kRobustLevels; ++b) {
-    std::fill(s.run_min[b], s.run_min[b] + kRobustSubWindows, kStartFloor);
+    std::fill(s.run_min[b], s.run_min[b] + kRobustSubWindows, kNoLevel);
     s.current_min[b] = kNoLevel;
-    s.floor[b] = kStartFloor;
   }
 }
 
-// Minimum statistics: the current run's minimum takes the level, a full run
-// moves into the window, and the background is the window's minimum.
-void track_background(kevrce_robust_rate_state &s, const int16_t *level) {
+// Minimum statistics: the background is the minimum of the earlier frames'
+// levels in the window, then the current run's minimum takes the level and
+// a full run moves into the window. Leaving the frame's own level out
+// changes no decision (a level below the earlier minimum is not above it
+// either). At the start the background is at most kStartFloor plus 0.2 dB
+// per frame (frame `count`): a file that starts with background has it as
+// its floor within a few frames (5 for a band at -50 dB, 30 at -45 dB)
+// instead of after the 64..80 frames the window takes to fill, while a
+// sound that starts the file, whose level would otherwise become its own
+// floor, stays above that rising bound for longer than a syllable lasts
+// (a band at -48 dB: 15 frames, after which a steady sound cannot be
+// told from background; louder than -40 dB is never background).
+void track_background(kevrce_robust_rate_state &s, const int16_t *level, uint32_t count) {
+  const int32_t start_bound = kStartFloor + kStartRise * static_cast<int32_t>(std::min(count, kStartRiseFrames));
   for (int b = 0; b < kRobustLevels; ++b) {
+    const int16_t seen = std::min(*std::min_element(s.run_min[b], s.run_min[b] + kRobustSubWindows), s.current_min[b]);
+    s.floor[b] = std::max(static_cast<int16_t>(std::min<int32_t>(seen, start_bound)), kSilenceLevel);
     s.current_min[b] = std::min(s.current_min[b], level[b]);
-    const int16_t window = *std::min_element(s.run_min[b], s.run_min[b] + kRobustSubWindows);
-    s.floor[b] = std::max(std::min(window, s.current_min[b]), kSilenceLevel);
   }
   s.run_frames = add16_wrap(s.run_frames, 1);
   if (s.run_frames < kRunFrames) return;
@@ -150,10 +186,9 @@ int16_t speech_rate(const kevrce_robust_rate_state &s, const int16_t *level) {
 int16_t robust_rate_decision(kevrce_instance *enc, int32_t max_rate, int32_t min_rate) {
   kevrce_robust_rate_state &s = enc->robust_rd;
   if (enc->frame_count == 0) start(s);
-  const int32_t segment = sat32(asr64(segment_energy(enc->work->speech), kSegmentShift));
-  const int16_t level[kRobustLevels] = {level_of(enc->rd.band_energy[0]), level_of(enc->rd.band_energy[1]),
-                                        level_of(segment)};
-  track_background(s, level);
+  int16_t level[kRobustLevels];
+  frame_levels(enc, level);
+  track_background(s, level, enc->frame_count);
 
   int16_t rate = kEighth;
   if (is_speech(s, level)) {

@@ -5,8 +5,9 @@
 // kevrce_noise_suprs(enc, samples)
 //   enc (in/out): enc->ns is the suppressor's state; enc->frame_count (in)
 //     the encoder's frame counter (the noise estimate follows the channel
-//     energies while it is below 2); enc->work->ns_fft, ns_snr_index, ns_db
-//     are scratch.
+//     energies while it is below 2; in the quality mode, enc->robust, it
+//     comes from the quietest energies seen while it is below 50, see
+//     bound_start_noise); enc->work->ns_fft, ns_snr_index, ns_db are scratch.
 //   samples (in/out): 80 samples, replaced by the suppressed signal, which
 //     lags the input by 24 samples and has half its amplitude.
 //   The block is normalised, pre-emphasised (x - 0.8 x'), joined to the last
@@ -41,7 +42,8 @@ constexpr int kSynthesisOverlap = 48;
 constexpr int16_t kEmphasis = 26214;      // 0.8 in Q15
 constexpr int16_t kNegEmphasis = -26214;  // -0.8 in Q15
 constexpr int32_t kNoiseSeedFloor = 4096;  // least noise estimate of the first frames
-constexpr uint32_t kStartFrames = 12;      // quality mode: frames (240 ms) of the bounded start
+constexpr uint32_t kStartFrames = 50;      // quality mode: frames (1 s) of the bounded start
+constexpr int16_t kStartDoublingCalls = 2;  // quality mode: its rising bound doubles every frame (3 dB)
 
 // Normalises the input, rescale the carried state to the new
 // exponent, pre-emphasise into buf[24..103] after the carried samples.
@@ -86,22 +88,28 @@ void measure_channels(kevrce_instance *enc, const int16_t *spectrum, int16_t e) 
   }
 }
 
-// Quality mode: during the first kStartFrames frames the noise estimate of
-// each channel is kept at most twice (3 dB above) the smallest channel
-// energy seen so far (from the second call on: the first call's energies
-// are on another scale), and at least the usual 4096. A recording that
-// starts with speech would otherwise seed the estimate with speech, and
-// with the voice metric low the usual update keeps following it; a
-// background start still seeds it with the background. From then on the
-// usual update alone.
+// Quality mode: during the first kStartFrames frames (1 s) the noise
+// estimate of each channel is set to twice (3 dB above) the smallest
+// channel energy seen so far (from the second call on: the first call's
+// energies are on another scale), but no more than a bound that starts at
+// the usual least estimate, 4096, and doubles every frame (3 dB), and no
+// less than 4096. A recording that starts with speech would otherwise
+// seed the estimate with speech, and with the voice metric low the usual
+// update keeps following it; when the first frames hold nothing but
+// speech, their quietest energies are speech too, and the rising bound
+// keeps the estimate below them for the first frames (a channel 30 dB
+// above 4096 is reached after 10 frames). A background start still gives
+// the background, the quietest frames of the first second. From then on
+// the usual update alone, starting from that estimate.
 void bound_start_noise(kevrce_instance *enc) {
   kevrce_ns_state &st = enc->ns;
   if (enc->frame_count >= kStartFrames) return;
+  const int32_t rising = shl32_sat(kNoiseSeedFloor, st.call_count / kStartDoublingCalls);
   for (int ch = 0; ch < kChannels; ++ch) {
     const int32_t e = st.channel_energy[ch];
     if (st.call_count <= 1 || e < st.start_min[ch]) st.start_min[ch] = e;
-    const int32_t bound = shl32_sat(st.start_min[ch], 1);
-    int32_t n = st.channel_noise[ch] < bound ? st.channel_noise[ch] : bound;
+    const int32_t quietest = shl32_sat(st.start_min[ch], 1);
+    const int32_t n = quietest < rising ? quietest : rising;
     st.channel_noise[ch] = n > kNoiseSeedFloor ? n : kNoiseSeedFloor;
   }
 }

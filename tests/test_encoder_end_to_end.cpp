@@ -187,11 +187,13 @@ TEST(RobustRate, SpeechWithShortPausesIsNeverCodedAtEighthRate) {
 }
 
 // Stationary sounds fill the background tracker's window but are signal,
-// loud or tonal; digital silence is background. (The first packet codes
-// half a frame of the encoder's empty history.)
+// loud or tonal; digital silence is background, and so is the suppressor's
+// output of a dither of a few units. (The first packet codes half a frame
+// of the encoder's empty history.)
 TEST(RobustRate, LoudStationarySoundsAreSignalAndSilenceIsBackground) {
   std::vector<int16_t> square(32000), tone(32000), quiet_tone(32000), silence(32000, 0);
   const std::vector<int16_t> loud_noise = noise(200, 6000.0, 41);  // -15 dB: loud, not tonal
+  const std::vector<int16_t> dither = noise(200, 0.5, 42);  // a few units a frame: off-scale band energies
   for (size_t n = 0; n < square.size(); ++n) {
     square[n] = (n / 20) % 2 ? -32767 : 32767;
     tone[n] = clip(16400 * std::sin(2 * M_PI * 1000 * static_cast<double>(n) / 8000));
@@ -202,10 +204,31 @@ TEST(RobustRate, LoudStationarySoundsAreSignalAndSilenceIsBackground) {
     int ns;
     long eighth;
   } const cases[] = {{&square, 0, 0}, {&square, 1, 0}, {&tone, 0, 0},       {&tone, 1, 0},
-                     {&quiet_tone, 0, 0}, {&loud_noise, 0, 0}, {&silence, 0, 199}, {&silence, 1, 199}};
+                     {&quiet_tone, 0, 0}, {&loud_noise, 0, 0}, {&silence, 0, 199}, {&silence, 1, 199}, {&dither, 1, 199}};
   for (const Case &c : cases) {
     const std::vector<int> r = robust_rates({4, 1, 0, c.ns}, *c.signal);
     EXPECT_EQ(std::count(r.begin() + 1, r.end(), 1), c.eighth) << &c - cases << " ns " << c.ns;
+  }
+}
+
+// The start of a file: a background louder than the floor assumed before
+// any is seen goes at eighth rate within a few frames (it used to take the
+// 64..80 frames of the minimum window to fill), and a weak fricative that
+// starts the file is never eighth: its own level must not become its floor.
+TEST(RobustRate, FileStartBackgroundIsEighthAndAStartingFricativeIsNot) {
+  struct Case {
+    double background;  // RMS of the leading background (100: -47 dB)
+    int frames;         // its length in frames
+    double fricative;   // RMS of the 16 frames of noise that follow (130: -45 dB)
+    long eighth;        // eighth-rate frames in the background
+  } const cases[] = {{100, 60, 1500, 40}, {150, 60, 1500, 21}, {0, 0, 130, 0}, {0, 0, 180, 0}};
+  for (const Case &c : cases) {
+    std::vector<int16_t> s = noise(c.frames, c.background, 51);
+    append(s, noise(16, c.fricative, 53));
+    append(s, noise(20, c.background, 52));
+    const std::vector<int> r = robust_rates({4, 1, 0, 0}, s);
+    EXPECT_EQ(std::count(r.begin(), r.begin() + c.frames, 1), c.eighth) << &c - cases;
+    EXPECT_EQ(std::count(r.begin() + c.frames + 1, r.begin() + c.frames + 16, 1), 0) << &c - cases;
   }
 }
 

@@ -358,40 +358,48 @@ TEST(NoiseSuppression, AttenuatesNoiseAndPassesToneBursts) {
   }
 }
 
-// A recording that starts with speech (a held-out corpus file), clean: the
-// quality mode passes its active frames (within 30 dB of the loudest) within
-// 0.2 dB; the default mode, which seeds its noise estimate with the first
-// frames, takes more than 1 dB off.
+// Recordings that start with speech (held-out corpus files), clean: the
+// quality mode passes their active frames (within 30 dB of the loudest)
+// with less than `robust_loss` dB taken off; the default mode, which seeds
+// its noise estimate with the first frames, takes more than 1 dB off. The
+// second file holds speech through its first 10 frames: their quietest
+// energies are speech too (the quality mode used to take 7.5 dB off;
+// measured now: 0.03 and 0.53 dB).
 TEST(NoiseSuppression, RobustModePassesASpeechStart) {
-  std::vector<int16_t> in;
+  struct Case {
+    const char *file;
+    double robust_loss;
+  } const cases[] = {{"en_US_f_Allison/digits/mon-0.wav", 0.2}, {"it_IT_m_Carlo/vm-and.wav", 1.0}};
+  for (const Case &c : cases) {
+    std::vector<int16_t> in;
 #ifdef KEVRC_HAVE_CORPUS
-  std::string error;
-  if (!corpus::read_pcm(std::string(corpus::kDefaultRoot) + "/en_US_f_Allison/digits/mon-0.wav", in,
-                        error))
+    std::string error;
+    if (!corpus::read_pcm(std::string(corpus::kDefaultRoot) + "/" + c.file, in, error))
 #endif
-    GTEST_SKIP() << "speech corpus not installed";
-  in.resize(in.size() / 160 * 160);
-  double level_db[2] = {};
-  for (int robust = 0; robust < 2; ++robust) {
-    Suppressor ns;
-    ns.enc().robust = static_cast<int16_t>(robust);
-    std::vector<int16_t> padded = in;
-    padded.resize(in.size() + 160, 0);
-    const std::vector<int16_t> out = ns.run(padded);
-    std::vector<double> frame(in.size() / 160);
-    for (size_t n = 0; n < in.size(); ++n) frame[n / 160] += double(in[n]) * in[n];
-    const double peak = *std::max_element(frame.begin(), frame.end());
-    ASSERT_GT(frame[0] + frame[1], peak * 1e-3) << "the file must start with speech";
-    double e_in = 0, e_out = 0;
-    for (size_t n = 0; n < in.size(); ++n) {
-      if (frame[n / 160] < peak * 1e-3) continue;
-      e_in += double(in[n]) * in[n];
-      e_out += 4.0 * out[n + 24] * out[n + 24];  // delay 24, halved amplitude
+      GTEST_SKIP() << "speech corpus not installed";
+    in.resize(in.size() / 160 * 160);
+    double level_db[2] = {};
+    for (int robust = 0; robust < 2; ++robust) {
+      Suppressor ns;
+      ns.enc().robust = static_cast<int16_t>(robust);
+      std::vector<int16_t> padded = in;
+      padded.resize(in.size() + 160, 0);
+      const std::vector<int16_t> out = ns.run(padded);
+      std::vector<double> frame(in.size() / 160);
+      for (size_t n = 0; n < in.size(); ++n) frame[n / 160] += double(in[n]) * in[n];
+      const double peak = *std::max_element(frame.begin(), frame.end());
+      ASSERT_GT(frame[0] + frame[1], peak * 1e-3) << "the file must start with speech";
+      double e_in = 0, e_out = 0;
+      for (size_t n = 0; n < in.size(); ++n) {
+        if (frame[n / 160] < peak * 1e-3) continue;
+        e_in += double(in[n]) * in[n];
+        e_out += 4.0 * out[n + 24] * out[n + 24];  // delay 24, halved amplitude
+      }
+      level_db[robust] = 10 * std::log10(e_out / e_in);
     }
-    level_db[robust] = 10 * std::log10(e_out / e_in);
+    EXPECT_LT(level_db[0], -1.0) << c.file;
+    EXPECT_NEAR(level_db[1], 0.0, c.robust_loss) << c.file;
   }
-  EXPECT_LT(level_db[0], -1.0);
-  EXPECT_NEAR(level_db[1], 0.0, 0.2);
 }
 
 }  // namespace
