@@ -49,7 +49,8 @@ constexpr uint32_t kStartFrames = 12;      // quality mode: frames (240 ms) of t
 int16_t prepare_block(kevrce_ns_state &st, int16_t *x, int16_t *buf) {
   const int16_t e = kevrce_ns_block_norm(x, kBlock, 2);
   const int16_t d = sub16_wrap(e, st.prev_exponent);
-  for (int i = 0; i < kAnalysisOverlap; ++i) buf[i] = kevrce_ns_shift(st.analysis_overlap[i], d);
+  std::memcpy(buf, st.analysis_overlap, sizeof st.analysis_overlap);
+  shift_block(buf, kAnalysisOverlap, d);
   st.pre_emph_mem = kevrce_ns_shift(st.pre_emph_mem, d);
   st.prev_exponent = e;
 
@@ -149,7 +150,7 @@ void synthesize(kevrce_ns_state &st, int16_t *buf, int16_t e, int16_t *out) {
   const int16_t e2 = kevrce_ns_block_norm(buf, kFftLen, 4);
   kevrce_r_fft(buf, -1);
   const int16_t shift = wrap16(-1 - int32_t{e} - e2);
-  for (int i = 0; i < kFftLen; ++i) buf[i] = kevrce_ns_shift(buf[i], shift);
+  shift_block(buf, kFftLen, shift);
 
   for (int i = 0; i < kSynthesisOverlap; ++i) buf[i] = add16_wrap(buf[i], st.synthesis_overlap[i]);
   std::memcpy(st.synthesis_overlap, &buf[kBlock], sizeof st.synthesis_overlap);
@@ -184,7 +185,7 @@ extern "C" int16_t kevrce_ns_block_norm(int16_t *buffer, int16_t count, int16_t 
   }
   // |-32768| is taken as 32767 (both normalise with 0 shifts).
   const int16_t e = sub16_wrap(norm_16(sat16(peak)), headroom);
-  for (int i = 0; i < count; ++i) buffer[i] = kevrce_ns_shift(buffer[i], e);
+  shift_block(buffer, count, e);
   return e;
 }
 

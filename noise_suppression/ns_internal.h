@@ -14,6 +14,7 @@
 
 #include <cstdint>
 
+#include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 
 namespace kevrc::ns {
@@ -66,5 +67,21 @@ int16_t channel_gain(int32_t floor, int16_t *index);
 
 // 0.9 noise + 0.1 energy, at least 16.
 int32_t update_noise(int32_t noise, int32_t energy);
+
+// kevrce_ns_shift(x[i], n) for i < count, in place, as one plain loop: n > 0
+// shifts left and saturates to 16 bits (from n = 16 on every non-zero value
+// saturates, so n is capped there); n < 0 adds half of the last kept place
+// and shifts right by -n (from -n = 16 on every 16-bit value rounds to 0).
+// No step can leave 32 bits.
+inline void shift_block(int16_t *x, int count, int16_t n) {
+  if (n > 0) {
+    const int s = n < 16 ? n : 16;
+    for (int i = 0; i < count; ++i) x[i] = sat16(int32_t{x[i]} * (int32_t{1} << s));
+  } else if (n < 0) {
+    const int s = n > -16 ? -n : 16;
+    const int32_t half = int32_t{1} << (s - 1);
+    for (int i = 0; i < count; ++i) x[i] = static_cast<int16_t>((int32_t{x[i]} + half) >> s);
+  }
+}
 
 }  // namespace kevrc::ns
