@@ -52,6 +52,12 @@ extern "C" void kevrc_lsp2lpc(int16_t *lsp, int16_t *lpc) {
   // three-tap filter over its whole input sequence (k = 0..10, zero before):
   // the sections run one after the other, each over the eleven outputs of
   // the one before, with the same operations as sample by sample.
+  // Section j's output is zero past k = 3 + 2j (the input has two values
+  // and each section adds two): only that stretch is computed, the rest of
+  // the buffer is still zero from its initialisation. The p-cascade's
+  // sequences are palindromes (the first factor is, and a section adds its
+  // two outer inputs, which commute, and scales the middle one), so the
+  // second half of each is copied from the first.
   int32_t bp[2][2 + 11] = {{0, 0, kOne, kOne}};   // two zeros, then 1 + z^-1
   int32_t bq[2][2 + 11] = {{0, 0, kOne, -kOne}};  // two zeros, then 1 - z^-1
   for (int j = 0; j < 5; ++j) {
@@ -59,8 +65,13 @@ extern "C" void kevrc_lsp2lpc(int16_t *lsp, int16_t *lpc) {
     const int32_t *uq = bq[j & 1];
     int32_t *yp = bp[(j + 1) & 1];
     int32_t *yq = bq[(j + 1) & 1];
-    for (int k = 2; k < 13; ++k) {
+    const int last = 3 + 2 * j;               // the output's last non-zero k
+    const int end = last < 10 ? last : 10;    // the last k kept
+    for (int k = 2; k <= 2 + last / 2; ++k) {
       yp[k] = add32_wrap(up[k - 2], sub32_wrap(up[k], mul_32_16(shl32_wrap(up[k - 1], 1), p[j])));
+    }
+    for (int k = 2 + last / 2 + 1; k <= 2 + end; ++k) yp[k] = yp[2 + last - (k - 2)];
+    for (int k = 2; k <= 2 + end; ++k) {
       // The q-cascade drops the lowest bit of its input: keep the asymmetry.
       yq[k] = add32_wrap(uq[k - 2], shl32_wrap(sub32_wrap(uq[k] >> 1, mul_32_16(uq[k - 1], q[j])), 1));
     }
