@@ -54,10 +54,9 @@ int16_t prepare_block(kevrce_ns_state &st, int16_t *x, int16_t *buf) {
   st.pre_emph_mem = kevrce_ns_shift(st.pre_emph_mem, d);
   st.prev_exponent = e;
 
-  int16_t prev = st.pre_emph_mem;
-  for (int n = 0; n < kBlock; ++n) {
-    buf[kAnalysisOverlap + n] = add16_wrap(x[n], wrap16(mul16(prev, kNegEmphasis) >> 15));
-    prev = x[n];
+  buf[kAnalysisOverlap] = add16_wrap(x[0], wrap16(mul16(st.pre_emph_mem, kNegEmphasis) >> 15));
+  for (int n = 1; n < kBlock; ++n) {
+    buf[kAnalysisOverlap + n] = add16_wrap(x[n], wrap16(mul16(x[n - 1], kNegEmphasis) >> 15));
   }
   st.pre_emph_mem = x[kBlock - 1];
   for (int i = kWindowed; i < kFftLen; ++i) buf[i] = 0;
@@ -178,11 +177,14 @@ extern "C" int16_t kevrce_ns_shift(int16_t x, int16_t n) {
 }
 
 extern "C" int16_t kevrce_ns_block_norm(int16_t *buffer, int16_t count, int16_t headroom) {
-  int32_t peak = 0;
+  // The largest magnitude from the largest and the smallest value (16-bit
+  // comparisons: a plain loop that vectorizes).
+  int16_t hi = 0, lo = 0;
   for (int i = 0; i < count; ++i) {
-    const int32_t mag = buffer[i] < 0 ? -int32_t{buffer[i]} : buffer[i];
-    if (mag > peak) peak = mag;
+    hi = buffer[i] > hi ? buffer[i] : hi;
+    lo = buffer[i] < lo ? buffer[i] : lo;
   }
+  const int32_t peak = hi > -int32_t{lo} ? int32_t{hi} : -int32_t{lo};
   // |-32768| is taken as 32767 (both normalise with 0 shifts).
   const int16_t e = sub16_wrap(norm_16(sat16(peak)), headroom);
   shift_block(buffer, count, e);
