@@ -47,7 +47,7 @@ constexpr uint32_t kStartFrames = 12;      // quality mode: frames (240 ms) of t
 // exponent, pre-emphasise into buf[24..103] after the carried samples.
 // Returns the block exponent.
 int16_t prepare_block(kevrce_ns_state &st, int16_t *x, int16_t *buf) {
-  const int16_t e = kevrce_ns_block_norm(x, kBlock, 2);
+  const int16_t e = normalise_block(x, kBlock, 2);
   const int16_t d = sub16_wrap(e, st.prev_exponent);
   std::memcpy(buf, st.analysis_overlap, sizeof st.analysis_overlap);
   shift_block(buf, kAnalysisOverlap, d);
@@ -146,7 +146,7 @@ void apply_gains(const kevrce_ns_state &st, int16_t *buf) {
 // Inverse transform, back to the input scale (halved),
 // overlap-add and de-emphasis into the caller's samples.
 void synthesize(kevrce_ns_state &st, int16_t *buf, int16_t e, int16_t *out) {
-  const int16_t e2 = kevrce_ns_block_norm(buf, kFftLen, 4);
+  const int16_t e2 = normalise_block(buf, kFftLen, 4);
   kevrce_r_fft(buf, -1);
   const int16_t shift = wrap16(-1 - int32_t{e} - e2);
   shift_block(buf, kFftLen, shift);
@@ -177,18 +177,7 @@ extern "C" int16_t kevrce_ns_shift(int16_t x, int16_t n) {
 }
 
 extern "C" int16_t kevrce_ns_block_norm(int16_t *buffer, int16_t count, int16_t headroom) {
-  // The largest magnitude from the largest and the smallest value (16-bit
-  // comparisons: a plain loop that vectorizes).
-  int16_t hi = 0, lo = 0;
-  for (int i = 0; i < count; ++i) {
-    hi = buffer[i] > hi ? buffer[i] : hi;
-    lo = buffer[i] < lo ? buffer[i] : lo;
-  }
-  const int32_t peak = hi > -int32_t{lo} ? int32_t{hi} : -int32_t{lo};
-  // |-32768| is taken as 32767 (both normalise with 0 shifts).
-  const int16_t e = sub16_wrap(norm_16(sat16(peak)), headroom);
-  shift_block(buffer, count, e);
-  return e;
+  return normalise_block(buffer, count, headroom);
 }
 
 extern "C" void kevrce_noise_suprs(kevrce_instance *enc, int16_t *samples) {
