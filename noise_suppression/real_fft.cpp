@@ -133,10 +133,50 @@ void stage(int16_t *re, int16_t *im) {
   }
 }
 
+// The first two stages use twiddle pairs 0 and 32 only and combine pairs
+// within groups of four: on the four phases q[16 m + g] = pair 4g + m
+// (m = 0..3, g = 0..15) each is a set of plain loops over g.
+constexpr int kGroups = kPairs / 4;
+
+template <bool kForward, bool kSaturate>
+void first_stage_with(int16_t *qr, int16_t *qi, int16_t c, int16_t s) {
+  for (int m = 0; m < 4; m += 2) {
+    int16_t *tr = qr + kGroups * m, *ti = qi + kGroups * m;
+    int16_t *br = tr + kGroups, *bi = ti + kGroups;
+    for (int g = 0; g < kGroups; ++g) butterfly<kForward, kSaturate>(tr[g], ti[g], br[g], bi[g], c, s);
+  }
+}
+
+template <bool kForward, bool kSaturate>
+void second_stage_with(int16_t *qr, int16_t *qi, const int16_t *cs, const int16_t *sns) {
+  for (int m = 0; m < 2; ++m) {
+    int16_t *tr = qr + kGroups * m, *ti = qi + kGroups * m;
+    int16_t *br = tr + 2 * kGroups, *bi = ti + 2 * kGroups;
+    for (int g = 0; g < kGroups; ++g) {
+      butterfly<kForward, kSaturate>(tr[g], ti[g], br[g], bi[g], cs[m], sns[m]);
+    }
+  }
+}
+
 template <bool kForward>
-void transform(int16_t *re, int16_t *im) {
-  stage<1, kForward>(re, im);
-  stage<2, kForward>(re, im);
+void first_stages(int16_t *qr, int16_t *qi) {
+  const int16_t cs[2] = {kevrce_tbl_phs[0], kevrce_tbl_phs[kPairs]};  // pairs 0 and 32
+  const int16_t sns[2] = {kevrce_tbl_phs[1], kevrce_tbl_phs[kPairs + 1]};
+  if (within_peak(qr, qi)) {
+    first_stage_with<kForward, false>(qr, qi, cs[0], sns[0]);
+  } else {
+    first_stage_with<kForward, true>(qr, qi, cs[0], sns[0]);
+  }
+  if (within_peak(qr, qi)) {
+    second_stage_with<kForward, false>(qr, qi, cs, sns);
+  } else {
+    second_stage_with<kForward, true>(qr, qi, cs, sns);
+  }
+}
+
+// The remaining four stages on the pairs in order.
+template <bool kForward>
+void later_stages(int16_t *re, int16_t *im) {
   stage<4, kForward>(re, im);
   stage<8, kForward>(re, im);
   stage<16, kForward>(re, im);
@@ -204,17 +244,33 @@ void inverse_split(int16_t *buf) {
 }  // namespace
 
 extern "C" void kevrce_complex_fft(int16_t *buffer, int32_t direction) {
-  // Bit reversal of the pair order while splitting real and imaginary parts.
-  int16_t re[kPairs], im[kPairs];
-  for (int i = 0; i < kPairs; ++i) {
-    const int j = kBitReversal.of[i];
-    re[i] = buffer[2 * j];
-    im[i] = buffer[2 * j + 1];
+  // Bit reversal of the pair order while splitting real and imaginary
+  // parts into the four phases of the first two stages.
+  int16_t qr[kPairs], qi[kPairs];
+  for (int g = 0; g < kGroups; ++g) {
+    for (int m = 0; m < 4; ++m) {
+      const int j = kBitReversal.of[4 * g + m];
+      qr[kGroups * m + g] = buffer[2 * j];
+      qi[kGroups * m + g] = buffer[2 * j + 1];
+    }
   }
-  if (direction == 1) {
-    transform<true>(re, im);
+  const bool forward = direction == 1;
+  if (forward) {
+    first_stages<true>(qr, qi);
   } else {
-    transform<false>(re, im);
+    first_stages<false>(qr, qi);
+  }
+  int16_t re[kPairs], im[kPairs];
+  for (int g = 0; g < kGroups; ++g) {
+    for (int m = 0; m < 4; ++m) {
+      re[4 * g + m] = qr[kGroups * m + g];
+      im[4 * g + m] = qi[kGroups * m + g];
+    }
+  }
+  if (forward) {
+    later_stages<true>(re, im);
+  } else {
+    later_stages<false>(re, im);
   }
   for (int i = 0; i < kPairs; ++i) {
     buffer[2 * i] = re[i];
