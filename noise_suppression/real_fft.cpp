@@ -23,7 +23,7 @@
 //   result with the twiddles of pairs k and 64 - k; the inverse applies the
 //   converse split first and then the inverse complex FFT.
 //
-// No scratch memory beyond 256 bytes of locals (the complex FFT works on
+// No scratch memory beyond 512 bytes of locals (the complex FFT works on
 // separate real and imaginary arrays and writes the result back).
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
