@@ -16,6 +16,7 @@
 // arithmetic shift (guaranteed since C++20).
 #pragma once
 
+#include <bit>
 #include <cstdint>
 
 #include "common/tbl_inv_sqrt.h"
@@ -153,13 +154,9 @@ constexpr inline int32_t mul_32_16(int32_t a, int16_t b) {
 constexpr inline int16_t norm_32(int32_t x) {
   if (x == 0) return 0;
   if (x == -1) return 31;
-  uint32_t y = static_cast<uint32_t>(x ^ (x >> 31));
-  int16_t n = 0;
-  while (y <= 0x3FFFFFFFu) {
-    y <<= 1;
-    ++n;
-  }
-  return n;
+  // y = 1 .. 0x7FFFFFFF: the shifts that bring its top bit to bit 30.
+  const uint32_t y = static_cast<uint32_t>(x ^ (x >> 31));
+  return static_cast<int16_t>(std::countl_zero(y) - 1);
 }
 
 constexpr inline int16_t norm_16(int16_t x) { return norm_32(shl32_wrap(x, 16)); }

@@ -39,6 +39,29 @@ void repair_range(int16_t *lsp) {
 
 constexpr int32_t kOne = 0x2000000;  // 1.0 in Q25
 
+// Sequences of k = 0..10 after two leading zeros (index k + 2).
+using Sequence = int32_t[2 + 11];
+
+// Section j of the p-cascade (cos term c) over an input that is zero past
+// k = 1 + 2j: the output is zero past kLast = 3 + 2j and a palindrome, so
+// its first half is computed and the rest (up to k = 10) copied.
+template <int kLast>
+void p_section(const Sequence &u, Sequence &y, int16_t c) {
+  for (int k = 2; k <= 2 + kLast / 2; ++k) {
+    y[k] = add32_wrap(u[k - 2], sub32_wrap(u[k], mul_32_16(shl32_wrap(u[k - 1], 1), c)));
+  }
+  for (int k = 2 + kLast / 2 + 1; k <= 2 + (kLast < 10 ? kLast : 10); ++k) y[k] = y[4 + kLast - k];
+}
+
+// Section j of the q-cascade, computed up to kLast = 3 + 2j (or 10). The
+// q-cascade drops the lowest bit of its input: keep the asymmetry.
+template <int kLast>
+void q_section(const Sequence &u, Sequence &y, int16_t c) {
+  for (int k = 2; k <= 2 + (kLast < 10 ? kLast : 10); ++k) {
+    y[k] = add32_wrap(u[k - 2], shl32_wrap(sub32_wrap(u[k] >> 1, mul_32_16(u[k - 1], c)), 1));
+  }
+}
+
 }  // namespace
 
 extern "C" void kevrc_lsp2lpc(int16_t *lsp, int16_t *lpc) {
@@ -52,19 +75,24 @@ extern "C" void kevrc_lsp2lpc(int16_t *lsp, int16_t *lpc) {
   // three-tap filter over its whole input sequence (k = 0..10, zero before):
   // the sections run one after the other, each over the eleven outputs of
   // the one before, with the same operations as sample by sample.
-  int32_t bp[2][2 + 11] = {{0, 0, kOne, kOne}};   // two zeros, then 1 + z^-1
-  int32_t bq[2][2 + 11] = {{0, 0, kOne, -kOne}};  // two zeros, then 1 - z^-1
-  for (int j = 0; j < 5; ++j) {
-    const int32_t *up = bp[j & 1];
-    const int32_t *uq = bq[j & 1];
-    int32_t *yp = bp[(j + 1) & 1];
-    int32_t *yq = bq[(j + 1) & 1];
-    for (int k = 2; k < 13; ++k) {
-      yp[k] = add32_wrap(up[k - 2], sub32_wrap(up[k], mul_32_16(shl32_wrap(up[k - 1], 1), p[j])));
-      // The q-cascade drops the lowest bit of its input: keep the asymmetry.
-      yq[k] = add32_wrap(uq[k - 2], shl32_wrap(sub32_wrap(uq[k] >> 1, mul_32_16(uq[k - 1], q[j])), 1));
-    }
-  }
+  // Section j's output is zero past k = 3 + 2j (the input has two values
+  // and each section adds two): only that stretch is computed, the rest of
+  // the buffer is still zero from its initialisation. The p-cascade's
+  // sequences are palindromes (the first factor is, and a section adds its
+  // two outer inputs, which commute, and scales the middle one), so the
+  // second half of each is copied from the first.
+  Sequence bp[2] = {{0, 0, kOne, kOne}};   // two zeros, then 1 + z^-1
+  Sequence bq[2] = {{0, 0, kOne, -kOne}};  // two zeros, then 1 - z^-1
+  p_section<3>(bp[0], bp[1], p[0]);
+  q_section<3>(bq[0], bq[1], q[0]);
+  p_section<5>(bp[1], bp[0], p[1]);
+  q_section<5>(bq[1], bq[0], q[1]);
+  p_section<7>(bp[0], bp[1], p[2]);
+  q_section<7>(bq[0], bq[1], q[2]);
+  p_section<9>(bp[1], bp[0], p[3]);
+  q_section<9>(bq[1], bq[0], q[3]);
+  p_section<11>(bp[0], bp[1], p[4]);
+  q_section<11>(bq[0], bq[1], q[4]);
   const int32_t *up = bp[1];  // after five sections
   const int32_t *uq = bq[1];
   for (int k = 1; k <= 10; ++k) {

@@ -38,10 +38,19 @@ void apply_window(const int16_t *speech, int16_t *x) {
   for (int i = 0; i < kLen; ++i) x[i] = round16(mul2_16(kevrce_tbl_analysis_window[i], speech[i]));
 }
 
-// sum over i of (2 x[i] x[i+lag]) >> shift, 32-bit wrapping.
+// sum over i of (2 x[i] x[i+lag]) >> shift, 32-bit wrapping. Plain loops
+// the compiler vectorizes: without a shift a wrapping sum of products
+// (doubled once at the end); with one, a shift of 32 or more fills with the
+// sign as a shift by 31 does.
 int32_t lag_product(const int16_t *x, int lag, int shift) {
+  if (shift == 0) {
+    Mac2Wrap sum;
+    for (int i = 0; i < kLen - lag; ++i) sum.add(x[i], x[i + lag]);
+    return sum.value();
+  }
+  const int n = shift < 31 ? shift : 31;
   int32_t s = 0;
-  for (int i = 0; i < kLen - lag; ++i) s = add32_wrap(s, asr32(mul2_16(x[i], x[i + lag]), shift));
+  for (int i = 0; i < kLen - lag; ++i) s = add32_wrap(s, mul2_16(x[i], x[i + lag]) >> n);
   return s;
 }
 

@@ -49,16 +49,16 @@ constexpr int16_t kStartDoublingCalls = 2;  // quality mode: its rising bound do
 // exponent, pre-emphasise into buf[24..103] after the carried samples.
 // Returns the block exponent.
 int16_t prepare_block(kevrce_ns_state &st, int16_t *x, int16_t *buf) {
-  const int16_t e = kevrce_ns_block_norm(x, kBlock, 2);
+  const int16_t e = normalise_block(x, kBlock, 2);
   const int16_t d = sub16_wrap(e, st.prev_exponent);
-  for (int i = 0; i < kAnalysisOverlap; ++i) buf[i] = kevrce_ns_shift(st.analysis_overlap[i], d);
+  std::memcpy(buf, st.analysis_overlap, sizeof st.analysis_overlap);
+  shift_block(buf, kAnalysisOverlap, d);
   st.pre_emph_mem = kevrce_ns_shift(st.pre_emph_mem, d);
   st.prev_exponent = e;
 
-  int16_t prev = st.pre_emph_mem;
-  for (int n = 0; n < kBlock; ++n) {
-    buf[kAnalysisOverlap + n] = add16_wrap(x[n], wrap16(mul16(prev, kNegEmphasis) >> 15));
-    prev = x[n];
+  buf[kAnalysisOverlap] = add16_wrap(x[0], wrap16(mul16(st.pre_emph_mem, kNegEmphasis) >> 15));
+  for (int n = 1; n < kBlock; ++n) {
+    buf[kAnalysisOverlap + n] = add16_wrap(x[n], wrap16(mul16(x[n - 1], kNegEmphasis) >> 15));
   }
   st.pre_emph_mem = x[kBlock - 1];
   for (int i = kWindowed; i < kFftLen; ++i) buf[i] = 0;
@@ -154,10 +154,10 @@ void apply_gains(const kevrce_ns_state &st, int16_t *buf) {
 // Inverse transform, back to the input scale (halved),
 // overlap-add and de-emphasis into the caller's samples.
 void synthesize(kevrce_ns_state &st, int16_t *buf, int16_t e, int16_t *out) {
-  const int16_t e2 = kevrce_ns_block_norm(buf, kFftLen, 4);
+  const int16_t e2 = normalise_block(buf, kFftLen, 4);
   kevrce_r_fft(buf, -1);
   const int16_t shift = wrap16(-1 - int32_t{e} - e2);
-  for (int i = 0; i < kFftLen; ++i) buf[i] = kevrce_ns_shift(buf[i], shift);
+  shift_block(buf, kFftLen, shift);
 
   for (int i = 0; i < kSynthesisOverlap; ++i) buf[i] = add16_wrap(buf[i], st.synthesis_overlap[i]);
   std::memcpy(st.synthesis_overlap, &buf[kBlock], sizeof st.synthesis_overlap);
@@ -185,15 +185,7 @@ extern "C" int16_t kevrce_ns_shift(int16_t x, int16_t n) {
 }
 
 extern "C" int16_t kevrce_ns_block_norm(int16_t *buffer, int16_t count, int16_t headroom) {
-  int32_t peak = 0;
-  for (int i = 0; i < count; ++i) {
-    const int32_t mag = buffer[i] < 0 ? -int32_t{buffer[i]} : buffer[i];
-    if (mag > peak) peak = mag;
-  }
-  // |-32768| is taken as 32767 (both normalise with 0 shifts).
-  const int16_t e = sub16_wrap(norm_16(sat16(peak)), headroom);
-  for (int i = 0; i < count; ++i) buffer[i] = kevrce_ns_shift(buffer[i], e);
-  return e;
+  return normalise_block(buffer, count, headroom);
 }
 
 extern "C" void kevrce_noise_suprs(kevrce_instance *enc, int16_t *samples) {

@@ -14,6 +14,7 @@
 
 #include <cstdint>
 
+#include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 
 namespace kevrc::ns {
@@ -66,5 +67,44 @@ int16_t channel_gain(int32_t floor, int16_t *index);
 
 // 0.9 noise + 0.1 energy, at least 16.
 int32_t update_noise(int32_t noise, int32_t energy);
+
+// kevrce_ns_shift(x[i], n) for i < count, in place, as one plain loop: n > 0
+// shifts left and saturates to 16 bits (from n = 16 on every non-zero value
+// saturates, so n is capped there); n < 0 shifts right by s = -n and adds
+// the last bit shifted out, i.e. rounds half up (both parts and their sum
+// stay within 16 bits; from s = 16 on every 16-bit value rounds to 0).
+inline void shift_block(int16_t *x, int count, int16_t n) {
+  if (n > 0) {
+    const int s = n < 16 ? n : 16;
+    for (int i = 0; i < count; ++i) x[i] = sat16(int32_t{x[i]} * (int32_t{1} << s));
+  } else if (n <= -16) {
+    for (int i = 0; i < count; ++i) x[i] = 0;
+  } else if (n < 0) {
+    const int s = -n;
+    for (int i = 0; i < count; ++i) x[i] = static_cast<int16_t>((x[i] >> s) + ((x[i] >> (s - 1)) & 1));
+  }
+}
+
+// kevrce_ns_block_norm(x, count, headroom) (inlined where count is fixed).
+// The exponent is the normalisation of the largest magnitude less a
+// headroom >= 0, so a left shift by it cannot saturate: a plain shift.
+[[gnu::always_inline]] inline int16_t normalise_block(int16_t *x, int count, int16_t headroom) {
+  // The largest magnitude from the largest and the smallest value (16-bit
+  // comparisons: a plain loop that vectorizes).
+  int16_t hi = 0, lo = 0;
+  for (int i = 0; i < count; ++i) {
+    hi = x[i] > hi ? x[i] : hi;
+    lo = x[i] < lo ? x[i] : lo;
+  }
+  const int32_t peak = hi > -int32_t{lo} ? int32_t{hi} : -int32_t{lo};
+  // |-32768| is taken as 32767 (both normalise with 0 shifts).
+  const int16_t e = sub16_wrap(norm_16(sat16(peak)), headroom);
+  if (e > 0 && headroom >= 0) {
+    for (int i = 0; i < count; ++i) x[i] = static_cast<int16_t>(x[i] * (1 << e));
+  } else {
+    shift_block(x, count, e);
+  }
+  return e;
+}
 
 }  // namespace kevrc::ns

@@ -23,9 +23,8 @@
 //   result with the twiddles of pairs k and 64 - k; the inverse applies the
 //   converse split first and then the inverse complex FFT.
 //
-// No scratch memory: everything happens in the caller's buffer.
-#include <utility>
-
+// No scratch memory beyond 512 bytes of locals (the complex FFT works on
+// separate real and imaginary arrays and writes the result back).
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 
@@ -49,43 +48,139 @@ struct BitReversal {
 };
 constexpr BitReversal kBitReversal;
 
-// Bit-reversal permutation of the 64 complex pairs (6-bit indices).
-void bit_reverse(int16_t *buf) {
-  for (int i = 0; i < kPairs; ++i) {
-    const int j = kBitReversal.of[i];
-    if (i < j) {
-      std::swap(buf[2 * i], buf[2 * j]);
-      std::swap(buf[2 * i + 1], buf[2 * j + 1]);
-    }
-  }
-}
-
 // (acc + 16384) >> 15 as a 16-bit value; acc is a sum of two 16 x 16
 // products held in a wrapping 32-bit accumulator.
 int16_t round_q15(int32_t acc) { return wrap16(add32_wrap(acc, 16384) >> 15); }
 
-// Butterfly output: saturated sum, halved in the forward direction.
-int16_t butterfly_out(int32_t sum, bool forward) {
-  const int16_t s = sat16(sum);
-  return forward ? static_cast<int16_t>(s >> 1) : s;
+// Butterfly output: saturated sum, halved in the forward direction. When
+// kSaturate is false the caller has proven |sum| <= 32767.
+template <bool kForward, bool kSaturate>
+[[gnu::always_inline]] inline int16_t butterfly_out(int32_t sum) {
+  const int16_t s = kSaturate ? sat16(sum) : static_cast<int16_t>(sum);
+  return kForward ? static_cast<int16_t>(s >> 1) : s;
 }
 
-// One butterfly on pairs top and bottom = top + span with twiddle (c, s).
-void butterfly(int16_t *buf, int top, int bottom, int16_t c, int16_t s, bool forward) {
-  const int16_t re = buf[2 * bottom], im = buf[2 * bottom + 1];
+// One butterfly on the pairs (ar, ai) (top) and (br, bi) (bottom) with the
+// twiddle (c, s); the pairs are updated in place.
+template <bool kForward, bool kSaturate>
+[[gnu::always_inline]] inline void butterfly(int16_t &ar, int16_t &ai, int16_t &br, int16_t &bi,
+                                             int16_t c, int16_t s) {
+  const int16_t re = br, im = bi;
   int16_t tr, ti;
-  if (forward) {  // (re + j im) * (c + j s), s = -sin
+  if constexpr (kForward) {  // (re + j im) * (c + j s), s = -sin
     tr = round_q15(sub32_wrap(mul16(re, c), mul16(im, s)));
     ti = round_q15(add32_wrap(mul16(re, s), mul16(im, c)));
   } else {  // (re + j im) * (c - j s)
     tr = round_q15(add32_wrap(mul16(re, c), mul16(im, s)));
     ti = round_q15(sub32_wrap(mul16(im, c), mul16(re, s)));
   }
-  const int16_t ar = buf[2 * top], ai = buf[2 * top + 1];
-  buf[2 * bottom] = butterfly_out(int32_t{ar} - tr, forward);
-  buf[2 * bottom + 1] = butterfly_out(int32_t{ai} - ti, forward);
-  buf[2 * top] = butterfly_out(int32_t{ar} + tr, forward);
-  buf[2 * top + 1] = butterfly_out(int32_t{ai} + ti, forward);
+  const int16_t top_r = ar, top_i = ai;
+  br = butterfly_out<kForward, kSaturate>(int32_t{top_r} - tr);
+  bi = butterfly_out<kForward, kSaturate>(int32_t{top_i} - ti);
+  ar = butterfly_out<kForward, kSaturate>(int32_t{top_r} + tr);
+  ai = butterfly_out<kForward, kSaturate>(int32_t{top_i} + ti);
+}
+
+// A stage needs no saturation when every part is at most 10922 in
+// magnitude: with |c|, |s| <= 32768 the product sum is at most 65536 x 10922
+// (no wrap) and rounds to at most 2 x 10922 (no 16-bit wrap), so a
+// butterfly sum stays within 3 x 10922 = 32766.
+constexpr int32_t kNoSaturationPeak = 10922;
+
+// Whether every real and imaginary part is within kNoSaturationPeak
+// (largest and smallest value in 16 bits: a plain loop that vectorizes).
+bool within_peak(const int16_t *re, const int16_t *im) {
+  int16_t hi = 0, lo = 0;
+  for (int i = 0; i < kPairs; ++i) {
+    hi = re[i] > hi ? re[i] : hi;
+    hi = im[i] > hi ? im[i] : hi;
+    lo = re[i] < lo ? re[i] : lo;
+    lo = im[i] < lo ? im[i] : lo;
+  }
+  return hi <= kNoSaturationPeak && lo >= -kNoSaturationPeak;
+}
+
+// The transform on the pairs held as separate real and imaginary arrays,
+// already in bit-reversed order, stage by stage. Each stage gathers its
+// twiddles once and runs each group's butterflies in twiddle order; the
+// butterflies of a stage are independent of one another, so this order
+// gives the same values as any other. From the third stage on a group is
+// a plain loop of fixed length over contiguous values (the compiler
+// vectorizes it). A stage whose input is within kNoSaturationPeak runs
+// without the saturation checks.
+template <int kSpan, bool kForward, bool kSaturate>
+void stage_with(int16_t *re, int16_t *im, const int16_t *cs, const int16_t *sns) {
+  for (int base = 0; base < kPairs; base += 2 * kSpan) {
+    int16_t *tr = re + base, *ti = im + base, *br = re + base + kSpan, *bi = im + base + kSpan;
+    for (int j = 0; j < kSpan; ++j) {
+      butterfly<kForward, kSaturate>(tr[j], ti[j], br[j], bi[j], cs[j], sns[j]);
+    }
+  }
+}
+
+template <int kSpan, bool kForward>
+void stage(int16_t *re, int16_t *im) {
+  constexpr int step = kPairs / kSpan;  // twiddle index step: angle 2 pi j / (2 kSpan)
+  int16_t cs[kSpan], sns[kSpan];
+  for (int j = 0; j < kSpan; ++j) {
+    cs[j] = kevrce_tbl_phs[2 * j * step];
+    sns[j] = kevrce_tbl_phs[2 * j * step + 1];
+  }
+  if (within_peak(re, im)) {
+    stage_with<kSpan, kForward, false>(re, im, cs, sns);
+  } else {
+    stage_with<kSpan, kForward, true>(re, im, cs, sns);
+  }
+}
+
+// The first two stages use twiddle pairs 0 and 32 only and combine pairs
+// within groups of four: on the four phases q[16 m + g] = pair 4g + m
+// (m = 0..3, g = 0..15) each is a set of plain loops over g.
+constexpr int kGroups = kPairs / 4;
+
+template <bool kForward, bool kSaturate>
+void first_stage_with(int16_t *qr, int16_t *qi, int16_t c, int16_t s) {
+  for (int m = 0; m < 4; m += 2) {
+    int16_t *tr = qr + kGroups * m, *ti = qi + kGroups * m;
+    int16_t *br = tr + kGroups, *bi = ti + kGroups;
+    for (int g = 0; g < kGroups; ++g) butterfly<kForward, kSaturate>(tr[g], ti[g], br[g], bi[g], c, s);
+  }
+}
+
+template <bool kForward, bool kSaturate>
+void second_stage_with(int16_t *qr, int16_t *qi, const int16_t *cs, const int16_t *sns) {
+  for (int m = 0; m < 2; ++m) {
+    int16_t *tr = qr + kGroups * m, *ti = qi + kGroups * m;
+    int16_t *br = tr + 2 * kGroups, *bi = ti + 2 * kGroups;
+    for (int g = 0; g < kGroups; ++g) {
+      butterfly<kForward, kSaturate>(tr[g], ti[g], br[g], bi[g], cs[m], sns[m]);
+    }
+  }
+}
+
+template <bool kForward>
+void first_stages(int16_t *qr, int16_t *qi) {
+  const int16_t cs[2] = {kevrce_tbl_phs[0], kevrce_tbl_phs[kPairs]};  // pairs 0 and 32
+  const int16_t sns[2] = {kevrce_tbl_phs[1], kevrce_tbl_phs[kPairs + 1]};
+  if (within_peak(qr, qi)) {
+    first_stage_with<kForward, false>(qr, qi, cs[0], sns[0]);
+  } else {
+    first_stage_with<kForward, true>(qr, qi, cs[0], sns[0]);
+  }
+  if (within_peak(qr, qi)) {
+    second_stage_with<kForward, false>(qr, qi, cs, sns);
+  } else {
+    second_stage_with<kForward, true>(qr, qi, cs, sns);
+  }
+}
+
+// The remaining four stages on the pairs in order.
+template <bool kForward>
+void later_stages(int16_t *re, int16_t *im) {
+  stage<4, kForward>(re, im);
+  stage<8, kForward>(re, im);
+  stage<16, kForward>(re, im);
+  stage<32, kForward>(re, im);
 }
 
 // 2 * (a*b + c*d) and 2 * (a*b - c*d) in wrapping 32-bit arithmetic.
@@ -149,33 +244,37 @@ void inverse_split(int16_t *buf) {
 }  // namespace
 
 extern "C" void kevrce_complex_fft(int16_t *buffer, int32_t direction) {
+  // Bit reversal of the pair order while splitting real and imaginary
+  // parts into the four phases of the first two stages.
+  int16_t qr[kPairs], qi[kPairs];
+  for (int g = 0; g < kGroups; ++g) {
+    for (int m = 0; m < 4; ++m) {
+      const int j = kBitReversal.of[4 * g + m];
+      qr[kGroups * m + g] = buffer[2 * j];
+      qi[kGroups * m + g] = buffer[2 * j + 1];
+    }
+  }
   const bool forward = direction == 1;
-  bit_reverse(buffer);
-  for (int s = 0; s < kStages; ++s) {
-    const int span = 1 << s;
-    const int step = kPairs >> s;  // twiddle index step: angle 2 pi j / 2^(s+1)
-    if (span < 8) {
-      for (int j = 0; j < span; ++j) {
-        const int16_t c = kevrce_tbl_phs[2 * j * step];
-        const int16_t sn = kevrce_tbl_phs[2 * j * step + 1];
-        for (int i = j; i < kPairs; i += 2 * span) butterfly(buffer, i, i + span, c, sn, forward);
-      }
-      continue;
+  if (forward) {
+    first_stages<true>(qr, qi);
+  } else {
+    first_stages<false>(qr, qi);
+  }
+  int16_t re[kPairs], im[kPairs];
+  for (int g = 0; g < kGroups; ++g) {
+    for (int m = 0; m < 4; ++m) {
+      re[4 * g + m] = qr[kGroups * m + g];
+      im[4 * g + m] = qi[kGroups * m + g];
     }
-    // Wide stages: the stage's twiddles gathered once, then each group's
-    // butterflies in twiddle order (independent of one another).
-    int16_t cs[kPairs / 2], sns[kPairs / 2];
-    for (int j = 0; j < span; ++j) {
-      cs[j] = kevrce_tbl_phs[2 * j * step];
-      sns[j] = kevrce_tbl_phs[2 * j * step + 1];
-    }
-    for (int base = 0; base < kPairs; base += 2 * span) {
-      if (forward) {
-        for (int j = 0; j < span; ++j) butterfly(buffer, base + j, base + j + span, cs[j], sns[j], true);
-      } else {
-        for (int j = 0; j < span; ++j) butterfly(buffer, base + j, base + j + span, cs[j], sns[j], false);
-      }
-    }
+  }
+  if (forward) {
+    later_stages<true>(re, im);
+  } else {
+    later_stages<false>(re, im);
+  }
+  for (int i = 0; i < kPairs; ++i) {
+    buffer[2 * i] = re[i];
+    buffer[2 * i + 1] = im[i];
   }
 }
 
