@@ -16,7 +16,10 @@
 // kevrcd_acb_excitation(out, gain, contour, history, L): the decoder's form,
 //   built at history + 128 (after the 128-sample memory) and its first L
 //   samples scaled by gain (Q14); the 10 extra samples stay unscaled.
+#include <algorithm>
+
 #include <kevrc/kevrc_kernels.h>
+#include "common/adaptive_codebook.h"
 #include "common/fixed_point.h"
 
 using namespace kevrc;
@@ -24,6 +27,8 @@ using namespace kevrc;
 namespace {
 
 constexpr int16_t kCutoffWide = 29491;  // 0.9 in Q15: the 17-tap table
+constexpr int kNarrowRows = 8;          // phases 0..7 of the 7-tap table
+constexpr int kLanes = 8;               // a 7-tap row padded with one zero
 
 // Rounded wrapping sum of 2 * row[k] * x[k] over kTaps taps (Q15 x Q0 ->
 // Q0): a fixed count the compiler unrolls and vectorizes.
@@ -41,27 +46,43 @@ int16_t dot_row(const int16_t *row, const int16_t *x, int taps) {
   return taps <= 0 ? int16_t{0} : round16(acc.value());
 }
 
-// One interpolated sample (see kevrc_bilinear_intrpol): the delay (Q24)
-// rounded to the nearest integer I and the eighth-sample phase of the rest,
-// then the phase's table row against x[-I-n .. -I+n]. The table is a
-// template argument so that the loops below get a copy without its choice.
-template <bool kWide>
-[[gnu::always_inline]] inline int16_t interpolate_with(const int16_t *x, int32_t delay, int16_t n_half) {
-  int32_t i_delay = ((delay >> 16) + 128) >> 8;  // nearest integer, halves upward
-  // |I - delay| <= 1/2, so the Q9 offset lies in -256..256 and the phase in 0..8.
+// The delay (Q24) rounded to the nearest integer I (halves upward) and the
+// eighth-sample phase of the rest; |I - delay| <= 1/2, so the Q9 offset lies
+// in -256..256 and the phase in 0..8, phase 8 being phase 0 of I - 1.
+struct Position {
+  int32_t whole;
+  int phase;
+};
+
+[[gnu::always_inline]] inline Position position_of(int32_t delay) {
+  int32_t i_delay = ((delay >> 16) + 128) >> 8;
   const int32_t e = sub32_wrap(shl32_wrap(i_delay, 24), delay);
   const int16_t v = wrap16(e >> 15);
-  int phase = (v + 288) >> 6;
-  if (phase == 8) {
-    i_delay -= 1;
-    phase = 0;
-  }
-  constexpr int kTableHalf = kWide ? 8 : 3;
-  constexpr int kTaps = 2 * kTableHalf + 1;
-  const int16_t *row = kWide ? &tbl_ham_win1[phase * kTaps] : &tbl_ham_win[phase * kTaps];
-  const int n = n_half > kTableHalf ? kTableHalf : n_half;
-  const int16_t *first = x - i_delay - n;
-  if (n == kTableHalf) return dot_row<kTaps>(row, first);
+  const int phase = (v + 288) >> 6;
+  if (phase == 8) return Position{i_delay - 1, 0};
+  return Position{i_delay, phase};
+}
+
+template <bool kWide>
+constexpr int kTableHalf = kWide ? 8 : 3;
+
+template <bool kWide>
+const int16_t *table_row(int phase) {
+  constexpr int kTaps = 2 * kTableHalf<kWide> + 1;
+  return kWide ? &tbl_ham_win1[phase * kTaps] : &tbl_ham_win[phase * kTaps];
+}
+
+// One interpolated sample (see kevrc_bilinear_intrpol): the phase's table
+// row against x[-I-n .. -I+n]. The table is a template argument so that the
+// loops below get a copy without its choice.
+template <bool kWide>
+[[gnu::always_inline]] inline int16_t interpolate_with(const int16_t *x, int32_t delay, int16_t n_half) {
+  const Position p = position_of(delay);
+  constexpr int kHalf = kTableHalf<kWide>;
+  const int16_t *row = table_row<kWide>(p.phase);
+  const int n = n_half > kHalf ? kHalf : n_half;
+  const int16_t *first = x - p.whole - n;
+  if (n == kHalf) return dot_row<2 * kHalf + 1>(row, first);
   return dot_row(row, first, 2 * n + 1);
 }
 
@@ -74,6 +95,15 @@ int16_t interpolate(const int16_t *x, int32_t delay, bool wide, int16_t n_half) 
 template <bool kWide>
 int32_t interpolate_run(int16_t *out, const int16_t *x, int from, int to, int32_t d, int32_t step,
                         int16_t n_half) {
+  constexpr int kHalf = kTableHalf<kWide>;
+  if (n_half >= kHalf) {  // the whole row: a fixed length
+    for (int i = from; i < to; ++i) {
+      d = add32_wrap(d, step);
+      const Position p = position_of(d);
+      out[i] = dot_row<2 * kHalf + 1>(table_row<kWide>(p.phase), x + i - p.whole - kHalf);
+    }
+    return d;
+  }
   for (int i = from; i < to; ++i) {
     d = add32_wrap(d, step);
     out[i] = interpolate_with<kWide>(x + i, d, n_half);
@@ -87,11 +117,71 @@ int32_t interpolate_run(int16_t *out, const int16_t *x, int from, int to, int32_
               : interpolate_run<false>(out, x, from, to, d, step, n_half);
 }
 
+// The 7-tap rows each followed by a zero, so that every sample is one
+// 8-lane product; the zero lane reads x[-I+4], whose value does not count.
+struct PaddedRows {
+  int16_t row[kNarrowRows][kLanes];
+};
+
+PaddedRows padded_narrow_rows() {
+  PaddedRows r{};
+  for (int p = 0; p < kNarrowRows; ++p)
+    for (int k = 0; k < kLanes - 1; ++k) r.row[p][k] = tbl_ham_win[p * (kLanes - 1) + k];
+  return r;
+}
+
+// interpolate_run for the whole 7-tap row over padded rows.
+int32_t narrow_run(const PaddedRows &rows, int16_t *out, const int16_t *x, int from, int to,
+                   int32_t d, int32_t step) {
+  for (int i = from; i < to; ++i) {
+    d = add32_wrap(d, step);
+    const Position p = position_of(d);
+    out[i] = dot_row<kLanes>(rows.row[p.phase], x + i - p.whole - 3);
+  }
+  return d;
+}
+
 }  // namespace
+
+namespace kevrc {
+
+void interpolate_fixed(const int16_t *x, int32_t delay, int16_t cutoff, int16_t n_half, int count,
+                       int16_t *out) {
+  const Position p = position_of(delay);
+  if (cutoff == kCutoffWide) {
+    const int16_t *row = table_row<true>(p.phase);
+    if (n_half >= kTableHalf<true>) {
+      for (int m = 0; m < count; ++m) out[m] = dot_row<17>(row, x + m - p.whole - 8);
+      return;
+    }
+    for (int m = 0; m < count; ++m) out[m] = interpolate_with<true>(x + m, delay, n_half);
+    return;
+  }
+  if (n_half >= kTableHalf<false>) {
+    int16_t row[kLanes] = {};
+    std::copy_n(table_row<false>(p.phase), kLanes - 1, row);
+    for (int m = 0; m < count; ++m) out[m] = dot_row<kLanes>(row, x + m - p.whole - 3);
+    return;
+  }
+  for (int m = 0; m < count; ++m) out[m] = interpolate_with<false>(x + m, delay, n_half);
+}
+
+}  // namespace kevrc
 
 extern "C" void kevrc_bilinear_intrpol(const int16_t *x, int32_t delay, int16_t cutoff,
                                        int16_t n_half, int16_t *out) {
   *out = interpolate(x, delay, cutoff == kCutoffWide, n_half);
+}
+
+// Runs of the narrow table at full width take the padded rows when out is x
+// and every delay of the call is at least 7 samples: the zero lane's read
+// x[i-I+4] then lies at or before x[i-3], history or a sample this call
+// wrote. The delay moves linearly between the contour's values (Q16), so
+// contour values from 8 samples up to 2^23 (no wrap in Q24) bound it.
+bool padded_rows_safe(const int16_t *out, const int16_t *x, const int32_t *contour) {
+  for (int k = 0; k < 3; ++k)
+    if (contour[k] < (8 << 16) || contour[k] >= (1 << 23)) return false;
+  return out == x;
 }
 
 extern "C" void kevrc_get_codebook(int16_t *out, const int16_t *x, int16_t L, const int32_t *contour,
@@ -100,13 +190,19 @@ extern "C" void kevrc_get_codebook(int16_t *out, const int16_t *x, int16_t L, co
   const int32_t c = L == 53 ? 1296593899 : 1272582903;  // 32/53, 32/54 in Q31
   const bool wide = cutoff == kCutoffWide;
   int32_t d = shl32_wrap(contour[0], 8);
-  out[0] = interpolate(x, d, wide, n_half);
   const int32_t s1 = mul_32_32(c, shl32_wrap(sub32_wrap(contour[1], contour[0]), 3));  // Q24/sample
-  interpolate_run(out, x, 1, L, d, s1, wide, n_half);
-  d = shl32_wrap(contour[1], 8);  // restart exactly at the end-of-subframe delay
-  out[L] = interpolate(x + L, d, wide, n_half);
   const int32_t s2 = mul_32_32(c, shl32_wrap(sub32_wrap(contour[2], contour[1]), 3));
-  interpolate_run(out, x, L + 1, L + 10, d, s2, wide, n_half);
+  const int32_t d1 = shl32_wrap(contour[1], 8);  // restart exactly at the end-of-subframe delay
+  if (!wide && n_half >= kTableHalf<false> && padded_rows_safe(out, x, contour)) {
+    const PaddedRows rows = padded_narrow_rows();
+    narrow_run(rows, out, x, 0, L, sub32_wrap(d, s1), s1);
+    narrow_run(rows, out, x, L, L + 10, sub32_wrap(d1, s2), s2);
+    return;
+  }
+  out[0] = interpolate(x, d, wide, n_half);
+  interpolate_run(out, x, 1, L, d, s1, wide, n_half);
+  out[L] = interpolate(x + L, d1, wide, n_half);
+  interpolate_run(out, x, L + 1, L + 10, d1, s2, wide, n_half);
 }
 
 extern "C" void kevrcd_acb_excitation(int16_t *out, int16_t gain, const int32_t *contour,
