@@ -45,8 +45,9 @@ int32_t taps(const int16_t *coef, const int16_t *past) {
 // One output of the recursion from the input x and the ten newest outputs
 // y1 (newest) .. y10: the ten exact products are summed modulo 2^32
 // (unsigned: wrapping is defined), doubled and subtracted from x in Q13;
-// (8*acc + 0x8000) >> 16 = floor((acc + 4096) / 8192) is acc >> 13 plus its
-// bit 12 (within -2^18 .. 2^18), then saturated to 16 bits.
+// (8*acc + 0x8000) >> 16 = floor((acc + 4096) / 8192) =
+// floor((floor(acc / 2) + 2048) / 4096) (within -2^18 .. 2^18; the inner
+// sum cannot overflow), then saturated to 16 bits.
 inline int32_t iir_output(int16_t x, const int32_t *c, int32_t y1, int32_t y2, int32_t y3, int32_t y4,
                           int32_t y5, int32_t y6, int32_t y7, int32_t y8, int32_t y9, int32_t y10) {
   const uint32_t sum = static_cast<uint32_t>(c[0] * y1) + static_cast<uint32_t>(c[1] * y2) +
@@ -55,7 +56,7 @@ inline int32_t iir_output(int16_t x, const int32_t *c, int32_t y1, int32_t y2, i
                        static_cast<uint32_t>(c[6] * y7) + static_cast<uint32_t>(c[7] * y8) +
                        static_cast<uint32_t>(c[8] * y9) + static_cast<uint32_t>(c[9] * y10);
   const int32_t acc = sub32_wrap(x * 8192, static_cast<int32_t>(sum << 1));
-  const int32_t y = (acc >> 13) + ((acc >> 12) & 1);
+  const int32_t y = ((acc >> 1) + 2048) >> 12;
   // One unsigned comparison finds both saturating cases.
   if (static_cast<uint32_t>(y + 32768) > 65535u) return y < 0 ? -32768 : 32767;
   return y;
