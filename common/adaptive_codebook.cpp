@@ -63,6 +63,16 @@ struct Position {
   return Position{i_delay, phase};
 }
 
+// position_of for delays from 0 up to 127 samples, where no step above
+// wraps: with D = ceil(delay / 2^15) (Q9) the phase is 8I + floor((288 - D)
+// / 64), so K = 8I - phase = ceil((delay - 288 * 2^15) / 2^21) whatever I
+// the rounding gave, and phase 8 taken as I - 1, phase 0 keeps K; then
+// I = ceil(K / 8) and phase = 8I - K, from -K by a shift and a mask.
+[[gnu::always_inline]] inline Position position_in_range(int32_t delay) {
+  const int32_t minus_k = (9437184 - delay) >> 21;  // 288 * 2^15
+  return Position{-(minus_k >> 3), minus_k & 7};
+}
+
 template <bool kWide>
 constexpr int kTableHalf = kWide ? 8 : 3;
 
@@ -130,13 +140,26 @@ PaddedRows padded_narrow_rows() {
   return r;
 }
 
-// interpolate_run for the whole 7-tap row over padded rows.
+// interpolate_run for the whole 7-tap row over padded rows, delays in the
+// range of position_in_range.
 int32_t narrow_run(const PaddedRows &rows, int16_t *out, const int16_t *x, int from, int to,
                    int32_t d, int32_t step) {
   for (int i = from; i < to; ++i) {
     d = add32_wrap(d, step);
-    const Position p = position_of(d);
+    const Position p = position_in_range(d);
     out[i] = dot_row<kLanes>(rows.row[p.phase], x + i - p.whole - 3);
+  }
+  return d;
+}
+
+// interpolate_run for the whole row, delays in the range of position_in_range.
+template <bool kWide>
+int32_t row_run(int16_t *out, const int16_t *x, int from, int to, int32_t d, int32_t step) {
+  constexpr int kHalf = kTableHalf<kWide>;
+  for (int i = from; i < to; ++i) {
+    d = add32_wrap(d, step);
+    const Position p = position_in_range(d);
+    out[i] = dot_row<2 * kHalf + 1>(table_row<kWide>(p.phase), x + i - p.whole - kHalf);
   }
   return d;
 }
@@ -173,30 +196,48 @@ extern "C" void kevrc_bilinear_intrpol(const int16_t *x, int32_t delay, int16_t 
   *out = interpolate(x, delay, cutoff == kCutoffWide, n_half);
 }
 
-// Runs of the narrow table at full width take the padded rows when out is x
-// and every delay of the call is at least 7 samples: the zero lane's read
-// x[i-I+4] then lies at or before x[i-3], history or a sample this call
-// wrote. The delay moves linearly between the contour's values (Q16), so
-// contour values from 8 samples up to 2^23 (no wrap in Q24) bound it.
-bool padded_rows_safe(const int16_t *out, const int16_t *x, const int32_t *contour) {
+namespace {
+
+// A contour of 8 to 127 samples (Q16) keeps every delay of the call, which
+// moves linearly between its values, inside the range of position_in_range.
+bool contour_in_range(const int32_t *contour) {
   for (int k = 0; k < 3; ++k)
-    if (contour[k] < (8 << 16) || contour[k] >= (1 << 23)) return false;
-  return out == x;
+    if (contour[k] < (8 << 16) || contour[k] > (127 << 16)) return false;
+  return true;
 }
+
+// The runs of a call over a contour in range with the whole row. In place
+// (out = x), the 7-tap rows take the padded form: the zero lane's read
+// x[i-I+4] lies at or before x[i-3] (I >= 7), history or a sample this call
+// wrote.
+void runs_in_range(int16_t *out, const int16_t *x, int L, bool wide, int32_t d0, int32_t s1,
+                   int32_t d1, int32_t s2) {
+  if (wide) {
+    row_run<true>(out, x, 0, L, sub32_wrap(d0, s1), s1);
+    row_run<true>(out, x, L, L + 10, sub32_wrap(d1, s2), s2);
+  } else if (out == x) {
+    const PaddedRows rows = padded_narrow_rows();
+    narrow_run(rows, out, x, 0, L, sub32_wrap(d0, s1), s1);
+    narrow_run(rows, out, x, L, L + 10, sub32_wrap(d1, s2), s2);
+  } else {
+    row_run<false>(out, x, 0, L, sub32_wrap(d0, s1), s1);
+    row_run<false>(out, x, L, L + 10, sub32_wrap(d1, s2), s2);
+  }
+}
+
+}  // namespace
 
 extern "C" void kevrc_get_codebook(int16_t *out, const int16_t *x, int16_t L, const int32_t *contour,
                                    int16_t cutoff, int16_t n_half) {
   if (L < 0) return;
   const int32_t c = L == 53 ? 1296593899 : 1272582903;  // 32/53, 32/54 in Q31
   const bool wide = cutoff == kCutoffWide;
-  int32_t d = shl32_wrap(contour[0], 8);
+  const int32_t d = shl32_wrap(contour[0], 8);
   const int32_t s1 = mul_32_32(c, shl32_wrap(sub32_wrap(contour[1], contour[0]), 3));  // Q24/sample
   const int32_t s2 = mul_32_32(c, shl32_wrap(sub32_wrap(contour[2], contour[1]), 3));
   const int32_t d1 = shl32_wrap(contour[1], 8);  // restart exactly at the end-of-subframe delay
-  if (!wide && n_half >= kTableHalf<false> && padded_rows_safe(out, x, contour)) {
-    const PaddedRows rows = padded_narrow_rows();
-    narrow_run(rows, out, x, 0, L, sub32_wrap(d, s1), s1);
-    narrow_run(rows, out, x, L, L + 10, sub32_wrap(d1, s2), s2);
+  if (n_half >= (wide ? kTableHalf<true> : kTableHalf<false>) && contour_in_range(contour)) {
+    runs_in_range(out, x, L, wide, d, s1, d1, s2);
     return;
   }
   out[0] = interpolate(x, d, wide, n_half);
