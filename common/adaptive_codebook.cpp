@@ -31,10 +31,13 @@ constexpr int kNarrowRows = 8;          // phases 0..7 of the 7-tap table
 constexpr int kLanes = 8;               // a 7-tap row padded with one zero
 
 // Rounded wrapping sum of 2 * row[k] * x[k] over kTaps taps (Q15 x Q0 ->
-// Q0): a fixed count the compiler unrolls and vectorizes.
+// Q0): a fixed count the compiler vectorizes. Left rolled so that the loop
+// vectorizer takes it inside the sample loops (fully unrolled early, eight
+// taps stay scalar there).
 template <int kTaps>
 int16_t dot_row(const int16_t *row, const int16_t *x) {
   Mac2Wrap acc;
+#pragma GCC unroll 1
   for (int k = 0; k < kTaps; ++k) acc.add(row[k], x[k]);
   return round16(acc.value());
 }
