@@ -13,6 +13,7 @@
 
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
+#include "common/pair_recursion.h"
 
 using namespace kevrc;
 
@@ -45,8 +46,17 @@ int32_t taps(const int16_t *coef, const int16_t *past) {
 // One output of the recursion from the input x and the ten newest outputs
 // y1 (newest) .. y10: the ten exact products are summed modulo 2^32
 // (unsigned: wrapping is defined), doubled and subtracted from x in Q13;
-// (8*acc + 0x8000) >> 16 = floor((acc + 4096) / 8192) is acc >> 13 plus its
-// bit 12 (within -2^18 .. 2^18), then saturated to 16 bits.
+// (8*acc + 0x8000) >> 16 = floor((acc + 4096) / 8192) =
+// floor((floor(acc / 2) + 2048) / 4096) (within -2^18 .. 2^18; the inner
+// sum cannot overflow), then saturated to 16 bits.
+inline int32_t iir_round(int16_t x, uint32_t sum) {
+  const int32_t acc = sub32_wrap(x * 8192, static_cast<int32_t>(sum << 1));
+  const int32_t y = ((acc >> 1) + 2048) >> 12;
+  // One unsigned comparison finds both saturating cases.
+  if (static_cast<uint32_t>(y + 32768) > 65535u) return y < 0 ? -32768 : 32767;
+  return y;
+}
+
 inline int32_t iir_output(int16_t x, const int32_t *c, int32_t y1, int32_t y2, int32_t y3, int32_t y4,
                           int32_t y5, int32_t y6, int32_t y7, int32_t y8, int32_t y9, int32_t y10) {
   const uint32_t sum = static_cast<uint32_t>(c[0] * y1) + static_cast<uint32_t>(c[1] * y2) +
@@ -54,11 +64,7 @@ inline int32_t iir_output(int16_t x, const int32_t *c, int32_t y1, int32_t y2, i
                        static_cast<uint32_t>(c[4] * y5) + static_cast<uint32_t>(c[5] * y6) +
                        static_cast<uint32_t>(c[6] * y7) + static_cast<uint32_t>(c[7] * y8) +
                        static_cast<uint32_t>(c[8] * y9) + static_cast<uint32_t>(c[9] * y10);
-  const int32_t acc = sub32_wrap(x * 8192, static_cast<int32_t>(sum << 1));
-  const int32_t y = (acc >> 13) + ((acc >> 12) & 1);
-  // One unsigned comparison finds both saturating cases.
-  if (static_cast<uint32_t>(y + 32768) > 65535u) return y < 0 ? -32768 : 32767;
-  return y;
+  return iir_round(x, sum);
 }
 
 }  // namespace
@@ -71,9 +77,20 @@ extern "C" void kevrc_iir(const int16_t *in, const int16_t *coef, int16_t *mem, 
   if (n <= 0) return;
   int32_t c[kOrder];
   for (int k = 0; k < kOrder; ++k) c[k] = coef[k];
+  int i = 0;
+  PairTaps p;
+  if (pair_taps(coef, &p)) {  // two outputs per pass (common/pair_recursion.h)
+    int32_t y[kOrder];
+    for (int k = 0; k < kOrder; ++k) y[k] = mem[k];
+    i = recursion_pairs(p, n, y, [in, out](int j, uint32_t sum) {
+      const int32_t v = iir_round(in[j], sum);
+      out[j] = static_cast<int16_t>(v);
+      return v;
+    });
+    for (int k = 0; k < kOrder; ++k) mem[k] = static_cast<int16_t>(y[k]);
+  }
   int32_t y1 = mem[0], y2 = mem[1], y3 = mem[2], y4 = mem[3], y5 = mem[4];
   int32_t y6 = mem[5], y7 = mem[6], y8 = mem[7], y9 = mem[8], y10 = mem[9];
-  int i = 0;
   for (; i + kOrder <= n; i += kOrder) {
     out[i] = static_cast<int16_t>(y10 = iir_output(in[i], c, y1, y2, y3, y4, y5, y6, y7, y8, y9, y10));
     out[i + 1] = static_cast<int16_t>(y9 = iir_output(in[i + 1], c, y10, y1, y2, y3, y4, y5, y6, y7, y8, y9));

@@ -24,6 +24,7 @@
 
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
+#include "common/pair_recursion.h"
 #include "encoder/encoder_state.h"
 #include "encoder/lpc_weighting.h"
 #include "encoder/rcelp.h"
@@ -145,14 +146,31 @@ void delta_delay(kevrce_work *w, kevrce_instance *enc, int16_t rate) {
 
 // Modified speech: the modified residual through 1/A(z) (no saturation:
 // the rounding keeps the low 16 bits), then the weighting A(z/g1)/A(z/g2).
+// The outputs follow the memory in one array (oldest first), so no history
+// moves per sample.
 void modified_weighted_speech(kevrce_work *w, kevrce_instance *enc, int L) {
   int16_t *s = w->mod_speech;
   int16_t *mem = enc->mod_syn_mem;  // newest first
-  for (int n = 0; n < L; ++n) {
-    const int32_t acc = sub32_wrap(mul16(w->mod_res[n], 8192), shl32_wrap(dot_lpc(w->a, mem), 1));
-    s[n] = round16(shl32_wrap(acc, 3));
-    push_history(mem, s[n]);
+  int16_t hist[kLpcOrder + kEncMaxSubframe];
+  for (int k = 0; k < kLpcOrder; ++k) hist[kLpcOrder - 1 - k] = mem[k];
+  auto synthesis = [w](int n, uint32_t taps) {  // taps: sum of a_k s[n-k], wrapping
+    const int32_t acc = sub32_wrap(mul16(w->mod_res[n], 8192), shl32_wrap(static_cast<int32_t>(taps), 1));
+    return round16(shl32_wrap(acc, 3));
+  };
+  int n = 0;
+  PairTaps p;
+  if (pair_taps(w->a, &p)) {  // two outputs per pass (common/pair_recursion.h)
+    int32_t newest[kLpcOrder];
+    for (int k = 0; k < kLpcOrder; ++k) newest[k] = mem[k];
+    n = recursion_pairs(p, L, newest, [&](int j, uint32_t taps) { return hist[kLpcOrder + j] = s[j] = synthesis(j, taps); });
   }
+  for (; n < L; ++n) {
+    const int16_t *past = &hist[kLpcOrder + n];  // past[-1] the newest output
+    uint32_t taps = 0;
+    for (int k = 0; k < kLpcOrder; ++k) taps += static_cast<uint32_t>(mul16(w->a[k], past[-1 - k]));
+    hist[kLpcOrder + n] = s[n] = synthesis(n, taps);
+  }
+  for (int k = 0; k < kLpcOrder; ++k) mem[k] = hist[kLpcOrder + L - 1 - k];
   int16_t num[kLpcOrder], den[kLpcOrder];
   weigh_lpc(w->a, kevrc_tbl_wfac_gamma_1, num);
   weigh_lpc(w->a, kevrc_tbl_wfac_gamma_2, den);

@@ -53,6 +53,7 @@
 #include <algorithm>
 
 #include <kevrc/kevrc_kernels.h>
+#include "common/adaptive_codebook.h"
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 #include "encoder/rcelp.h"
@@ -145,7 +146,7 @@ int32_t energy_sum(const int16_t *x, int n) {
 void correlations(const Subframe &sf, int begin, int end, int32_t s, int up, int down, int32_t *c) {
   int16_t base[64 + 2 * kBaseExtent];  // segments end by L + 10 <= 64
   const int first = begin - up;
-  for (int m = first; m < end + down; ++m) base[m - first] = sample_at(sf.residual + m, s, kShortCutoff, 3);
+  interpolate_fixed(sf.residual + first, q24(s), kShortCutoff, 3, end + down - first, base);
   for (int j = 0; j <= up + down; ++j) {
     uint32_t acc = 0;
     const int16_t *cand = base + j;  // cand[n - begin]: the residual read at n - (up - j)
@@ -158,7 +159,7 @@ void correlations(const Subframe &sf, int begin, int end, int32_t s, int up, int
 bool accepted(const Subframe &sf, int begin, int end, int32_t s, int32_t best) {
   int16_t cand[64];  // segments end by L + 10
   const int len = end - begin;
-  for (int n = begin; n < end; ++n) cand[n - begin] = sample_at(sf.residual + n, s, kShortCutoff, 3);
+  interpolate_fixed(sf.residual + begin, q24(s), kShortCutoff, 3, len, cand);
   const int32_t ec = energy_sum(cand, len);
   const int32_t et = energy_sum(sf.target + begin, len);
   if (ec <= 0 || et <= 0 || best <= 0) return false;  // wrapped energies count as none
@@ -253,10 +254,14 @@ extern "C" void kevrce_modifyresidual(kevrce_instance *enc, int16_t *m, int16_t 
   const int count = plan_segments(enc, in, shift, carry, segments);
   for (int i = 0; i < count; ++i) {
     const RcelpSegment &g = segments[i];
-    for (int n = g.begin; n < g.end; ++n) {
+    // The ramp (none when the shift stays), then the final shift throughout.
+    const int steady = g.from == g.to ? g.begin : std::min<int>(g.begin + g.ramp, g.end);
+    for (int n = g.begin; n < steady; ++n) {
       const int32_t s = ramp_shift(g.from, g.to, n - g.begin, g.ramp);
       m[n] = sample_at(residual + n, s, kLongCutoff, kLongTaps);
     }
+    if (steady < g.end)
+      interpolate_fixed(residual + steady, q24(g.to), kLongCutoff, kLongTaps, g.end - steady, m + steady);
   }
 }
 

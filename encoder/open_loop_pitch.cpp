@@ -73,12 +73,44 @@ bool replaces(BlockFloat &best, BlockFloat cand) {
   return true;
 }
 
+// A stretch s[0..len) of which correlations are taken. quiet: its energy
+// sum s[i]^2 is at most kSumLimit (proved by the bound of block_float_fast).
+// Then every correlation of two parts of it is event-free: its partial sums
+// stay within sum |s[i] s[j]| <= (sum s[i]^2 + sum s[j]^2) / 2 <= kSumLimit
+// (2|ab| <= a^2 + b^2; both parts lie inside s), and no term is the wrapping
+// (-32768)^2 (that alone exceeds the limit), so the sum is the plain one with
+// exponent 1 in either overflow mode.
+struct Stretch {
+  const int16_t *s;
+  int len;
+  bool quiet;
+};
+
+Stretch stretch_of(const int16_t *s, int len) {
+  const TermSums t = product_sums(s, s, len);
+  return Stretch{s, len, (int64_t{t.high_sum} + len) * 65536 <= kSumLimit};
+}
+
+// sum over i < n of a[i] b[i] modulo 2^32: the exact sum where no wrap can occur.
+int32_t plain_sum(const int16_t *a, const int16_t *b, int n) {
+  uint32_t acc = 0;
+  for (int i = 0; i < n; ++i) acc += static_cast<uint32_t>(mul16(a[i], b[i]));
+  return static_cast<int32_t>(acc);
+}
+
+// correlate() of two parts of a stretch (a and b point into st.s).
+BlockFloat correlate_in(const Stretch &st, const int16_t *a, const int16_t *b, int n,
+                        Overflow mode = Overflow::kHalve) {
+  if (st.quiet) return BlockFloat{plain_sum(a, b, n), 1};
+  return correlate(a, b, n, mode);
+}
+
 // The lag in lo..hi maximising sum over i < len - L of s[i] s[i+L]; its value in *best.
-int best_lag(const int16_t *s, int len, int lo, int hi, BlockFloat *best) {
+int best_lag(const Stretch &st, int lo, int hi, BlockFloat *best) {
   *best = BlockFloat{INT32_MIN, 1};
   int lag = lo;
   for (int L = lo; L <= hi; ++L)
-    if (replaces(*best, correlate(s, s + L, len - L))) lag = L;
+    if (replaces(*best, correlate_in(st, st.s, st.s + L, st.len - L))) lag = L;
   return lag;
 }
 
@@ -112,8 +144,9 @@ void decimate(kevrce_olp_state *st, const int16_t *x) {
 // Decimated lag: coarse maximum over 5..30, replaced by the best lag near P/4
 // when that one exceeds 0.835 of it.
 int decimated_lag(const int16_t *d, int prev_delay) {
+  const Stretch st = stretch_of(d, kDecLen);
   BlockFloat coarse;
-  int lag = best_lag(d, kDecLen, kMinDecLag, kMaxDecLag, &coarse);
+  int lag = best_lag(st, kMinDecLag, kMaxDecLag, &coarse);
   if (prev_delay != 0 && std::abs(prev_delay - 4 * lag) >= 3) {
     int lo = (prev_delay >> 2) - 2, hi = std::min((prev_delay >> 2) + 2, kMaxDecLag);
     if (lo <= kMinDecLag - 1) {
@@ -121,7 +154,7 @@ int decimated_lag(const int16_t *d, int prev_delay) {
       hi = kMinDecLag + 4;
     }
     BlockFloat tracked;
-    const int tracked_lag = best_lag(d, kDecLen, lo, hi, &tracked);
+    const int tracked_lag = best_lag(st, lo, hi, &tracked);
     BlockFloat threshold{mul_32_16(coarse.sum, 27361), coarse.exp};  // 0.835 in Q15
     if (replaces(threshold, tracked)) lag = tracked_lag;
   }
@@ -132,9 +165,10 @@ int decimated_lag(const int16_t *d, int prev_delay) {
 // With E0 E1 = u 2^z (u the normalised product in [0.5, 1)), sqrt(E0 E1) =
 // root 2^(h - 31) where root = sqrt(u) in Q31, divided by sqrt(2) when z is
 // odd, and h = (z + 1) >> 1; F is aligned to root by 2^(exp_F - h + 31).
-int16_t normalised_gain(const int16_t *x, int t, BlockFloat f, Overflow mode) {
-  const BlockFloat e0 = correlate(x, x, kLen - t, mode);
-  const BlockFloat e1 = correlate(x + t, x + t, kLen - t, mode);
+int16_t normalised_gain(const Stretch &st, int t, BlockFloat f, Overflow mode) {
+  const int16_t *x = st.s;
+  const BlockFloat e0 = correlate_in(st, x, x, kLen - t, mode);
+  const BlockFloat e1 = correlate_in(st, x + t, x + t, kLen - t, mode);
   if (e0.sum <= 0 || e1.sum <= 0 || f.sum <= 0) return 0;
   const int n0 = norm_32(e0.sum), n1 = norm_32(e1.sum);
   const int32_t product =
@@ -152,15 +186,15 @@ int16_t normalised_gain(const int16_t *x, int t, BlockFloat f, Overflow mode) {
 }
 
 // Full-rate tracking: T1 outside P +- 6 may give way to the best delay inside.
-void track_full_rate(const int16_t *x, int prev_delay, int *delay, int16_t *gain) {
+void track_full_rate(const Stretch &st, int prev_delay, int *delay, int16_t *gain) {
   const int lo = std::max(prev_delay - kTrackWindow, kMinDelay);
   const int hi = std::min(prev_delay + kTrackWindow, kMaxDelay);
   const int t1 = *delay;
   const int32_t b1 = *gain;
   if (t1 >= lo && t1 <= hi) return;
   BlockFloat f2;
-  const int t2 = best_lag(x, kLen, lo, hi, &f2);
-  const int16_t b2 = normalised_gain(x, t2, f2, Overflow::kAddOne);
+  const int t2 = best_lag(st, lo, hi, &f2);
+  const int16_t b2 = normalised_gain(st, t2, f2, Overflow::kAddOne);
   bool take_t2;
   if (t1 > hi && (((b1 * 9830 + 16384) >> 15) < (b2 >> 1) || b2 == 32767)) {  // 0.3 in Q15
     take_t2 = true;
@@ -187,11 +221,12 @@ extern "C" void kevrce_ol_pitch(kevrce_olp_state *state, const int16_t *x, int16
   decimate(state, x + kNew);
   const int lag = decimated_lag(state->decimated, prev_delay);
 
+  const Stretch st = stretch_of(x, kLen);
   BlockFloat f1;
   const int lo = std::max(kMinDelay, 4 * lag - 3), hi = std::min(4 * lag + 3, kMaxDelay);
-  int d = best_lag(x, kLen, lo, hi, &f1);
-  int16_t b = normalised_gain(x, d, f1, Overflow::kHalve);
-  if (prev_delay != 0) track_full_rate(x, prev_delay, &d, &b);
+  int d = best_lag(st, lo, hi, &f1);
+  int16_t b = normalised_gain(st, d, f1, Overflow::kHalve);
+  if (prev_delay != 0) track_full_rate(st, prev_delay, &d, &b);
 
   *delay = static_cast<int16_t>(d);
   *gain = b;

@@ -36,6 +36,23 @@ int32_t energy2(int16_t v) { return mul2_16(v, v); }
 // Left shift by e >= 0 with saturation, arithmetic right shift by -e otherwise.
 int32_t shift_signed(int32_t v, int e) { return e >= 0 ? shl32_sat(v, e) : asr32(v, -e); }
 
+// The sliding window, its peak and the leaky average over samples 5 .. n-1;
+// scaled(e) is shift_signed(e, e0) for this call's e0 (shl32_sat for
+// e0 in 0..28 is the saturated product with 2^e0).
+template <class Scaled>
+void leaky_run(const int16_t *x, int n, Scaled scaled, int32_t *window, int32_t *peak, int32_t *avg) {
+  int32_t w = *window, p = *peak, a = *avg;
+  for (int i = kWindow; i < n; ++i) {
+    const int32_t e = energy2(x[i]);
+    w = sat32(static_cast<int64_t>(w) + e - energy2(x[i - kWindow]));
+    if (w > p) p = w;
+    a = sat32(static_cast<int64_t>(a) - (a >> 3) + scaled(e));
+  }
+  *window = w;
+  *peak = p;
+  *avg = a;
+}
+
 }  // namespace
 }  // namespace kevrc
 
@@ -68,12 +85,14 @@ extern "C" int16_t peak2average(const int16_t *x, int16_t n) {
   int32_t window = 0;
   for (int i = 0; i < kWindow; ++i) window = add32_wrap(window, energy2(x[i]));
   int32_t peak = window;
-  const int e0 = norm_32(window) - 3;
+  const int e0 = norm_32(window) - 3;  // -3 .. 28
   int32_t avg = shift_signed(window, e0);
-  for (int i = kWindow; i < n; ++i) {
-    window = sat32(static_cast<int64_t>(window) + energy2(x[i]) - energy2(x[i - kWindow]));
-    if (window > peak) peak = window;
-    avg = sat32(static_cast<int64_t>(avg) - (avg >> 3) + shift_signed(energy2(x[i]), e0));
+  // The direction of the shift is the same for every sample: one loop each.
+  if (e0 >= 0) {
+    leaky_run(x, n, [e0](int32_t e) { return sat32(static_cast<int64_t>(e) * (int64_t{1} << e0)); },
+              &window, &peak, &avg);
+  } else {
+    leaky_run(x, n, [e0](int32_t e) { return e >> -e0; }, &window, &peak, &avg);
   }
   if (avg <= 0 || peak <= 0) return 0;
   const int np = norm_32(peak);

@@ -21,6 +21,7 @@
 
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
+#include "common/pair_recursion.h"
 #include "encoder/lpc_weighting.h"
 
 namespace kevrc {
@@ -95,8 +96,18 @@ extern "C" void kevrce_weight2_res(const int16_t *x2, const int16_t *a, const in
     t[n] = static_cast<int32_t>(static_cast<uint32_t>(add32_wrap(fir, 32768)) & 0xFFFF0000u);
   }
   e[0] = x2[0];
-  // 1/A'(z/g1): feedback 2 * sum c1*eh (Q12 -> Q13, 1/8 weight), to Q0.
-  for (int n = 1; n < kLen; ++n) e[n] = round16(sub32_wrap(t[n], shl32_wrap(dot_past(c1, &e[n - 1]), 1)));
+  // 1/A'(z/g1): feedback 2 * sum c1*eh (Q12 -> Q13, 1/8 weight), to Q0;
+  // outputs two per pass while c1 allows it (common/pair_recursion.h).
+  auto feedback = [&t](int n, uint32_t sum) {
+    return round16(sub32_wrap(t[n], shl32_wrap(static_cast<int32_t>(sum), 1)));
+  };
+  int n = 1;
+  PairTaps p;
+  if (pair_taps(c1, &p)) {
+    int32_t newest[kLpcOrder] = {e[0]};
+    n += recursion_pairs(p, kLen - 1, newest, [&](int j, uint32_t sum) { return e[1 + j] = feedback(1 + j, sum); });
+  }
+  for (; n < kLen; ++n) e[n] = feedback(n, static_cast<uint32_t>(dot_past(c1, &e[n - 1])));
   r[0] = x2[0];
   // A'(z/g2): e in Q16 plus 2 * sum c2*eh (1/8 weight), to Q0.
   for (int n = 1; n < kLen; ++n)

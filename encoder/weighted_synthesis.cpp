@@ -26,6 +26,7 @@
 
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
+#include "common/pair_recursion.h"
 #include "encoder/lpc_weighting.h"
 #include "encoder/encoder_state.h"
 
@@ -40,6 +41,17 @@ int32_t dot_past(const int16_t *coef, const int16_t *past) {
   uint32_t acc = 0;
   for (int k = 0; k < kLpcOrder; ++k) acc += static_cast<uint32_t>(mul16(coef[k], past[-k]));
   return static_cast<int32_t>(acc);
+}
+
+// Outputs 1 .. m of a recursion over y (y[0] given, zeros before it) in the
+// pair form (common/pair_recursion.h) when coef allows it; returns m (0 when
+// it does not).
+template <class Output>
+int pair_run(const int16_t *coef, const int16_t *y, Output output) {
+  PairTaps p;
+  if (!pair_taps(coef, &p)) return 0;
+  int32_t newest[kLpcOrder] = {y[0]};
+  return recursion_pairs(p, kImpLen - 1, newest, output);
 }
 
 }  // namespace
@@ -61,7 +73,9 @@ extern "C" void kevrce_weighed_imp_res(const int16_t *a, const int16_t *aq, int1
   int16_t *ho = ho_hist + kLpcOrder;
   sy[0] = kOne;
   // 1/Aq(z) with no further input: -sum syn*aq, Q23 -> Q27 -> Q11.
-  for (int i = 1; i < kImpLen; ++i) sy[i] = round16(neg32_wrap(shl32_wrap(dot_past(aq, &sy[i - 1]), 4)));
+  auto synthesis = [](uint32_t sum) { return round16(neg32_wrap(shl32_wrap(static_cast<int32_t>(sum), 4))); };
+  int i = 1 + pair_run(aq, sy, [&](int j, uint32_t sum) { return sy[1 + j] = synthesis(sum); });
+  for (; i < kImpLen; ++i) sy[i] = synthesis(static_cast<uint32_t>(dot_past(aq, &sy[i - 1])));
   // A(z/g1): sy in Q24 plus 2 * sum syn*w1 (Q24), to Q27, rounded to Q11.
   for (int i = 1; i < kImpLen; ++i) {
     const int32_t num =
@@ -70,10 +84,11 @@ extern "C" void kevrce_weighed_imp_res(const int16_t *a, const int16_t *aq, int1
   }
   // 1/A(z/g2): f in Q24 less 2 * sum out*w2 (Q24), to Q27, rounded to Q11.
   ho[0] = kOne;
-  for (int i = 1; i < kImpLen; ++i) {
-    const int32_t den = sub32_wrap(shl32_wrap(f[i], 13), shl32_wrap(dot_past(w2, &ho[i - 1]), 1));
-    ho[i] = round16(shl32_wrap(den, 3));
-  }
+  auto weighting = [&f](int n, uint32_t sum) {
+    return round16(shl32_wrap(sub32_wrap(shl32_wrap(f[n], 13), shl32_wrap(static_cast<int32_t>(sum), 1)), 3));
+  };
+  i = 1 + pair_run(w2, ho, [&](int j, uint32_t sum) { return ho[1 + j] = weighting(1 + j, sum); });
+  for (; i < kImpLen; ++i) ho[i] = weighting(i, static_cast<uint32_t>(dot_past(w2, &ho[i - 1])));
   std::memcpy(h, ho, kImpLen * sizeof(int16_t));
   for (int k = 0; k < kLpcOrder; ++k) {  // the histories, newest first
     scratch[k] = sy[kImpLen - 1 - k];

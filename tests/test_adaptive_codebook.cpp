@@ -3,6 +3,7 @@
 // Adaptive codebook: fractional-delay interpolation and the contour builder.
 #include <cstring>
 
+#include "common/adaptive_codebook.h"
 #include "tests/test_util.h"
 
 namespace kevrc {
@@ -54,17 +55,50 @@ TEST(AdaptiveCodebook, EveryDelayReadsOnlyItsTaps) {
   EXPECT_EQ(out, 1);  // the 7 taps sum to 32758/32768: a constant passes
 }
 
+// Both tables at delays inside and outside 8..127 samples (the runs' one-step
+// position), one with a fraction that takes phase 8 (the next row down), and
+// a half-length below the table's.
+struct DelayCase {
+  int16_t cutoff, n_half;
+  int32_t contour;
+};
+constexpr DelayCase kDelayCases[] = {
+    {29491, 8, (37 << 16) + 12345}, {16384, 3, (37 << 16) + 12345}, {16384, 3, (37 << 16) + 34734},
+    {29491, 8, (37 << 16) + 34734}, {16384, 3, 8 << 16},            {29491, 8, 120 << 16},
+    {16384, 3, (7 << 16) + 40000},  {29491, 2, 40 << 16},
+};
+
 TEST(AdaptiveCodebook, ConstantContourGivesAConstantDelay) {
   std::vector<int16_t> buf(128 + 64, 0);
   testing::Rng rng(testing::test_seed("ConstantContour"));
   for (int i = 0; i < 128; ++i) buf[i] = static_cast<int16_t>(static_cast<int>(rng.below(16001)) - 8000);
-  const int32_t contour[3] = {(37 << 16) + 12345, (37 << 16) + 12345, (37 << 16) + 12345};
-  int16_t out[64];
-  kevrc_get_codebook(out, &buf[128], 53, contour, 29491, 8);
-  for (int i = 0; i < 63; ++i) {
-    int16_t want;
-    kevrc_bilinear_intrpol(&buf[128 + i], contour[0] << 8, 29491, 8, &want);
-    EXPECT_EQ(out[i], want) << i;
+  for (const DelayCase &c : kDelayCases) {
+    const int32_t contour[3] = {c.contour, c.contour, c.contour};
+    int16_t out[64];
+    kevrc_get_codebook(out, &buf[128], 53, contour, c.cutoff, c.n_half);
+    for (int i = 0; i < 63; ++i) {
+      int16_t want;
+      kevrc_bilinear_intrpol(&buf[128 + i], contour[0] << 8, c.cutoff, c.n_half, &want);
+      EXPECT_EQ(out[i], want) << i << " " << c.contour;
+    }
+  }
+}
+
+// The residual modification's stretches at one delay are the samples one by one.
+TEST(AdaptiveCodebook, FixedDelayStretchIsTheSampleByOne) {
+  std::vector<int16_t> buf(400);  // x at 200: 120 samples of delay either way, 60 samples, 9 taps
+  testing::Rng rng(testing::test_seed("FixedDelayStretch"));
+  for (auto &s : buf) s = rng.below(4) == 0 ? -32768 : static_cast<int16_t>(static_cast<int>(rng.below(65536)) - 32768);
+  for (const DelayCase &c : kDelayCases) {
+    for (const int32_t shift : {c.contour << 8, -(c.contour << 8)}) {
+      int16_t out[60];
+      interpolate_fixed(&buf[200], shift, c.cutoff, c.n_half, 60, out);
+      for (int m = 0; m < 60; ++m) {
+        int16_t want;
+        kevrc_bilinear_intrpol(&buf[200 + m], shift, c.cutoff, c.n_half, &want);
+        ASSERT_EQ(out[m], want) << m << " " << shift;
+      }
+    }
   }
 }
 
@@ -81,16 +115,19 @@ TEST(AdaptiveCodebook, StepDependsOnlyOnWhetherTheSubframeHas53Samples) {
 }
 
 TEST(AdaptiveCodebook, ShortDelayRepeatsWhatTheCallProduced) {
-  std::vector<int16_t> buf(128 + 64, 0);
-  for (int i = 0; i < 128; ++i) buf[i] = static_cast<int16_t>(((i * 37) % 101) * 100 - 5000);
-  const int32_t contour[3] = {21 << 16, 21 << 16, 21 << 16};
-  kevrc_get_codebook(&buf[128], &buf[128], 54, contour, 29491, 8);
-  // Every output equals the interpolation of the final buffer at its position:
-  // the taps it read were already final when it was produced.
-  for (int i = 0; i < 64; ++i) {
-    int16_t again;
-    kevrc_bilinear_intrpol(&buf[128 + i], 21 << 24, 29491, 8, &again);
-    EXPECT_EQ(buf[128 + i], again) << i;
+  for (const DelayCase &c : kDelayCases) {
+    std::vector<int16_t> buf(128 + 64, 0);
+    for (int i = 0; i < 128; ++i) buf[i] = static_cast<int16_t>(((i * 37) % 101) * 100 - 5000);
+    const int32_t d = c.contour < (40 << 16) ? c.contour : (21 << 16) + c.contour % 65536;
+    const int32_t contour[3] = {d, d, d};
+    kevrc_get_codebook(&buf[128], &buf[128], 54, contour, c.cutoff, c.n_half);
+    // Every output equals the interpolation of the final buffer at its position:
+    // the taps it read were already final when it was produced.
+    for (int i = 0; i < 64; ++i) {
+      int16_t again;
+      kevrc_bilinear_intrpol(&buf[128 + i], d << 8, c.cutoff, c.n_half, &again);
+      EXPECT_EQ(buf[128 + i], again) << i << " " << d;
+    }
   }
 }
 

@@ -50,6 +50,28 @@ TEST(Filters, SynthesisRunsInPlaceAndTheInverseUndoesIt) {
   }
 }
 
+// Blocks run two outputs per pass while the taps' magnitudes sum to at most
+// 65535 and one beyond; either must equal the filter run one sample at a time.
+TEST(Filters, SynthesisBlocksMatchSampleBySample) {
+  const int16_t coefs[][10] = {
+      {-32768, 32767},     // magnitudes 65535: the largest sums the pair form meets
+      {-32768, 32767, 1},  // 65536: one output per pass
+      {-9000, 7000, -5000, 3000, -1000, 500, -300, 200, -100, 50},
+  };
+  testing::Rng rng(testing::test_seed("SynthesisBlocks"));
+  for (const auto &a : coefs) {
+    std::vector<int16_t> x(57), block(57), single(57);
+    for (auto &s : x) s = static_cast<int16_t>(rng.below(3) == 0 ? -32768 : static_cast<int>(rng.below(65536)) - 32768);
+    int16_t mem[10] = {32767, -32768, 32767, -32768, 1, -1, 32767, -32768, 32767, -32768};
+    int16_t mem1[10];
+    std::memcpy(mem1, mem, sizeof mem);
+    kevrc_iir(x.data(), a, mem, 57, block.data());
+    for (int i = 0; i < 57; ++i) kevrc_iir(&x[i], a, mem1, 1, &single[i]);
+    EXPECT_EQ(block, single);
+    EXPECT_EQ(0, std::memcmp(mem, mem1, sizeof mem));
+  }
+}
+
 TEST(Interpolation, LspWeights) {
   int16_t prev[10], cur[10], out[10];
   for (int k = 0; k < 10; ++k) {
