@@ -59,8 +59,40 @@ bool in_span(int p) { return p >= 0 && p <= kAcelpLastPos; }
 // d(p), read as 0 outside the searched positions.
 int16_t d_at(const int16_t *d, int p) { return in_span(p) ? d[p] : int16_t{0}; }
 
-// (k * k) >> 15 kept as 16 bits: the squared correlation, Q15 -> Q15.
-int16_t square_q15(int16_t k) { return wrap16(mul16(k, k) >> 15); }
+// A row of the pair search in 16 lanes: lanes 0..7 hold the second track's
+// candidates j = 0..7, lanes 8..15 candidates j = 3..10. The two overlapping
+// runs of eight give fixed trip counts for the vector units; the repeated
+// candidates change neither the values nor the answer.
+constexpr int kLanes = 16;
+constexpr int kRun = 8;
+constexpr int kHighFirst = kAcelpTrackLen - kRun;  // candidate of lane 8
+
+// The lane that holds candidate j (lanes 3..7 and 8..12 repeat 3..7).
+constexpr int candidate_lane(int j) { return j < kRun ? j : j + kRun - kHighFirst; }
+
+// The 11 values of a row laid out in lanes.
+void to_lanes(const int16_t *v, int16_t *lanes) {
+  std::copy(v, v + kRun, lanes);
+  std::copy(v + kHighFirst, v + kAcelpTrackLen, lanes + kRun);
+}
+
+// Squared correlations k2 = (k * k) >> 15 (Q15, kept as 16 bits) of
+// k = k1 + d2, energies e = row + v2 + e1, and whether any candidate beats
+// the best k2_best / e_best (cross-multiplied: e_best k2 - k2_best e > 0).
+bool lanes_improve(int16_t k1, int16_t e1, const int16_t *d2, const int16_t *v2,
+                   const int16_t *row, int16_t e_best, int16_t k2_best, int16_t *k2,
+                   int16_t *e) {
+  int any = 0;
+  // Kept as a loop (not unrolled first) so that it is vectorized whole.
+#pragma GCC unroll 1
+  for (int l = 0; l < kLanes; ++l) {
+    const int16_t k = add16_wrap(k1, d2[l]);
+    k2[l] = mul16_shr15_wrap(k, k);
+    e[l] = add16_wrap(add16_wrap(row[l], v2[l]), e1);
+    any |= sub32_wrap(mul16(e_best, k2[l]), mul16(k2_best, e[l])) > 0 ? 1 : 0;
+  }
+  return any != 0;
+}
 
 }  // namespace
 
@@ -210,26 +242,37 @@ extern "C" void kevrce_search_best_pulse(const int16_t *tracks, const int16_t *d
     int16_t d2[kAcelpTrackLen];  // d of the second track, gathered
     int n2 = 0;
     for (int q = t2; q <= kAcelpLastPos; q += kTrackStep) d2[n2++] = d[q];
+    const bool in_lanes = n2 == kAcelpTrackLen;
+    int16_t d2_lanes[kLanes], v2_lanes[kLanes];
+    if (in_lanes) {
+      to_lanes(d2, d2_lanes);
+      to_lanes(V2, v2_lanes);
+    }
     for (int i = 0, p = t1; p <= kAcelpLastPos; ++i, p += kTrackStep) {
       if (B[p] < 0) continue;  // not pre-selected as a first pulse
       const int16_t k1 = add16_wrap(k0, d[p]);
       const int16_t e1 = add16_wrap(e0, V1[i]);
       const int16_t *row = M + i * kAcelpTrackLen;
-      int16_t k2[kAcelpTrackLen], e[kAcelpTrackLen];
-      int32_t gain = INT32_MIN;  // the row's largest improvement over the best so far
-      for (int j = 0; j < n2; ++j) {
-        k2[j] = square_q15(add16_wrap(k1, d2[j]));
-        e[j] = wrap16(int32_t{row[j]} + V2[j] + e1);
-        gain = std::max(gain, sub32_wrap(mul16(e_best, k2[j]), mul16(k2_best, e[j])));
+      int16_t k2[kLanes], e[kLanes];  // candidate j in lane j (j < 8) or j + 5
+      if (in_lanes) {
+        int16_t row_lanes[kLanes];
+        to_lanes(row, row_lanes);
+        // Until a candidate beats the best, the best stays as it was at the
+        // row's start; if none does, the row changes nothing.
+        if (!lanes_improve(k1, e1, d2_lanes, v2_lanes, row_lanes, e_best, k2_best, k2, e)) continue;
+      } else {
+        for (int c = 0; c < n2; ++c) {
+          const int16_t k = add16_wrap(k1, d2[c]);
+          k2[candidate_lane(c)] = mul16_shr15_wrap(k, k);
+          e[candidate_lane(c)] = add16_wrap(add16_wrap(row[c], V2[c]), e1);
+        }
       }
-      // Until a candidate beats the best, the best stays as it was at the row's
-      // start; if none does, the row changes nothing.
-      if (gain <= 0) continue;
       for (int j = 0; j < n2; ++j) {
+        const int l = candidate_lane(j);
         // k2 / e > k2_best / e_best, cross-multiplied.
-        if (sub32_wrap(mul16(e_best, k2[j]), mul16(k2_best, e[j])) > 0) {
-          k2_best = k2[j];
-          e_best = e[j];
+        if (sub32_wrap(mul16(e_best, k2[l]), mul16(k2_best, e[l])) > 0) {
+          k2_best = k2[l];
+          e_best = e[l];
           best_p = p;
           best_q = t2 + kTrackStep * j;
         }
