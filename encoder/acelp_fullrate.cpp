@@ -111,27 +111,69 @@ void preselect(int16_t *b) {
   }
 }
 
-// Steps 5-8: hn and -hn behind their zero guards, the diagonal energies, the
-// cross-correlation matrices, and the signs folded into the matrices.
-void build_correlations(const int16_t *h, int L, kevrce_acelp_full_scratch &s) {
+// Lag sums of hn, the common terms of all its correlations:
+// lag_sum(r, lag) = sum_{k=0}^{r} hn(k) hn(k + lag), 32-bit wrap, kept for
+// lag <= 54 - r only (the terms reach hn(54)), packed row after row: row r
+// holds 55 - r lags. The correlation of the responses to pulses at p and q
+// over the subframe, sum_{n=max(p,q)}^{54} hn(n-p) hn(n-q), is
+// lag_sum(54 - m, m - n) with m = max(p, q), n = min(p, q): the entry at
+// kLagBase[m] - n.
+constexpr int lag_row(int r) { return r * kAcelpPositions - r * (r - 1) / 2; }
+constexpr int kLagSums = lag_row(kAcelpPositions);  // 1540
+
+struct LagBase {
+  int16_t at[kAcelpPositions];
+  constexpr LagBase() : at{} {
+    for (int m = 0; m < kAcelpPositions; ++m) at[m] = static_cast<int16_t>(lag_row(kAcelpLastPos - m) + m);
+  }
+};
+constexpr LagBase kLagBase;
+
+void fill_lag_sums(const int16_t *hn, int32_t *lag_sum) {
+  for (int lag = 0; lag < kAcelpPositions; ++lag) lag_sum[lag] = mul16(hn[0], hn[lag]);
+  const int32_t *prev = lag_sum;
+  int32_t *row = lag_sum + kAcelpPositions;
+  for (int r = 1; r < kAcelpPositions; ++r) {
+    const int16_t hr = hn[r];
+    const int lags = kAcelpPositions - r;
+    for (int lag = 0; lag < lags; ++lag) row[lag] = add32_wrap(prev[lag], mul16(hr, hn[r + lag]));
+    prev = row;
+    row += lags;
+  }
+}
+
+int32_t pulse_correlation(const int32_t *lag_sum, int p, int q) {
+  return p < q ? lag_sum[kLagBase.at[q] - p] : lag_sum[kLagBase.at[p] - q];
+}
+
+// Steps 5-8: hn and -hn behind their zero guards, the diagonal energies, and
+// the sign-folded cross-correlation matrices M_t(i, j) of p = t + 5i and
+// q = (t+1) mod 5 + 5j: (32768 + 2 lag_sum) >> 16 (32-bit wrap, kept as 16
+// bits) times s(p) s(q), as ((M f) >> 15) with f = s(q) for s(p) >= 0, else
+// -s(q). Rows of positions that the pre-selection removed (B(p) < 0) are never
+// read by the pair search and are not formed.
+void build_correlations(const int16_t *h, int L, const int16_t *b, int32_t *lag_sum,
+                        kevrce_acelp_full_scratch &s) {
   for (int n = 0; n < kAcelpGuard; ++n) s.hn_pos[n] = s.hn_neg[n] = 0;
   int16_t *hn = s.hn_pos + kAcelpGuard;
   acelp_normalise_impulse(h, L, hn);
   for (int n = 0; n < kAcelpPositions; ++n) s.hn_neg[kAcelpGuard + n] = wrap16(-int32_t{hn[n]});
 
   static constexpr int kStarts[kAcelpTracks] = {0, 1, 2, 3, 4};
-  static constexpr int kNext[kAcelpTracks] = {1, 2, 3, 4, 0};
   acelp_diagonal_energies(hn, kAcelpLastPos, kStarts, kTrackStep, kAcelpTracks, kAcelpTrackLen,
                           &s.diag[0][0]);
-  int16_t *const matrices[kAcelpTracks] = {s.cross[0], s.cross[1], s.cross[2], s.cross[3],
-                                           s.cross[4]};
-  acelp_cross_correlations(hn, kAcelpLastPos, kTrackStep, kAcelpTrackLen, kAcelpTracks, kStarts,
-                           kNext, matrices);
+  fill_lag_sums(hn, lag_sum);
   for (int t = 0; t < kAcelpTracks; ++t) {
-    int16_t *row = s.cross[t];
-    for (int p = t; p < kAcelpPositions; p += kTrackStep)
-      row =
-          kevrce_buf_mul(row, s.sign[p] >= 0 ? s.sign : s.sign_neg, static_cast<int16_t>(kNext[t]));
+    const int next = (t + 1) % kAcelpTracks;
+    for (int i = 0, p = t; i < kAcelpTrackLen; ++i, p += kTrackStep) {
+      if (b[p] < 0) continue;
+      const int16_t *factors = s.sign[p] >= 0 ? s.sign : s.sign_neg;
+      int16_t *row = s.cross[t] + i * kAcelpTrackLen;
+      for (int j = 0, q = next; j < kAcelpTrackLen; ++j, q += kTrackStep) {
+        const int32_t sum = add32_wrap(32768, shl32_wrap(pulse_correlation(lag_sum, p, q), 1));
+        row[j] = wrap16(mul16(wrap16(sum >> 16), factors[q]) >> 15);  // 32768 rounds the >> 16
+      }
+    }
   }
 }
 
@@ -226,7 +268,8 @@ extern "C" void kevrce_algcbk_fullrate(kevrce_work *work, int16_t *d, int16_t *r
   select_signs(d, residual, s);
   int16_t *b = residual;  // from here on residual holds B(p)
   preselect(b);
-  build_correlations(impulse, L, s);
+  int32_t lag_sum[kLagSums];
+  build_correlations(impulse, L, b, lag_sum, s);
 
   Choice best{};
   int best_k = 0;

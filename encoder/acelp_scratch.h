@@ -34,8 +34,8 @@ struct kevrce_acelp_full_scratch {
   int16_t hn_pos[kevrc::kAcelpGuard + kevrc::kAcelpPositions];  // zeros, then hn(0..54)
   int16_t hn_neg[kevrc::kAcelpGuard + kevrc::kAcelpPositions];  // zeros, then -hn(0..54)
   int16_t diag[kevrc::kAcelpTracks][kevrc::kAcelpTrackLen];     // R_t(i)
-  // M_t(i, j), row i on track t, column j on track (t+1) mod 5, row after row;
-  // sign-folded once the signs are known.
+  // M_t(i, j), row i on track t, column j on track (t+1) mod 5, row after row,
+  // sign-folded; only the rows of pre-selected positions (B(p) >= 0) are formed.
   int16_t cross[kevrc::kAcelpTracks][kevrc::kAcelpTrackLen * kevrc::kAcelpTrackLen];
   int16_t acc[kevrc::kAcelpPositions];  // a(n): signed responses of the pulses placed so far
   int16_t v1[kevrc::kAcelpTrackLen];    // pair search: energies of the first track
