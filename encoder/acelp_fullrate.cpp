@@ -157,6 +157,7 @@ void build_correlations(const int16_t *h, int L, const int16_t *b, int32_t *lag_
   for (int n = 0; n < kAcelpGuard; ++n) s.hn_pos[n] = s.hn_neg[n] = 0;
   int16_t *hn = s.hn_pos + kAcelpGuard;
   acelp_normalise_impulse(h, L, hn);
+  hn[kAcelpPositions] = 0;
   for (int n = 0; n < kAcelpPositions; ++n) s.hn_neg[kAcelpGuard + n] = wrap16(-int32_t{hn[n]});
 
   static constexpr int kStarts[kAcelpTracks] = {0, 1, 2, 3, 4};
@@ -199,13 +200,14 @@ Choice search_configuration(int k, const int16_t *d, const int16_t *b,
                            state);
   c.pos[0] = state[2];
   c.pos[1] = state[3];
-  for (int n = 0; n < kAcelpPositions; ++n) s.acc[n] = 0;
+  for (int n = 0; n < kAcelpAccLen; ++n) s.acc[n] = 0;
   for (int pair = 1; pair < kPairs; ++pair) {
     kevrce_buf_accumulate(s.acc, pulse_response(s, c.pos[2 * pair - 2]),
                           pulse_response(s, c.pos[2 * pair - 1]));
     const int16_t *tr = tracks + 2 * pair;
-    kevrce_compute_corelation(hn, s.acc, tr[0], s.sign, s.diag[tr[0]], s.v1);
-    kevrce_compute_corelation(hn, s.acc, tr[1], s.sign, s.diag[tr[1]], s.v2);
+    // The first track's energies only where the pair search reads them.
+    acelp_track_energies(hn, s.acc, tr[0], s.sign, s.diag[tr[0]], b, s.v1);
+    acelp_track_energies(hn, s.acc, tr[1], s.sign, s.diag[tr[1]], nullptr, s.v2);
     kevrce_search_best_pulse(tr, d, b, s.v1, s.v2, s.cross[tr[0]], state);
     c.pos[2 * pair] = state[2];
     c.pos[2 * pair + 1] = state[3];

@@ -40,7 +40,8 @@
 //   best, so the first maximum in scan order wins.
 //
 // kevrc::acelp_normalise_impulse, acelp_filter_pulses, acelp_diagonal_energies
-// and acelp_cross_correlations (shared with the half-rate search): see
+// and acelp_cross_correlations (shared with the half-rate search), and
+// acelp_track_energies (compute_corelation on padded arrays): see
 // encoder/acelp_scratch.h.
 #include <algorithm>
 #include <cstdlib>
@@ -178,6 +179,27 @@ void acelp_cross_correlations(const int16_t *hn, int last, int step, int n, int 
   }
 }
 
+void acelp_track_energies(const int16_t *hn, const int16_t *acc, int t, const int16_t *s,
+                          const int16_t *R, const int16_t *b, int16_t *out) {
+  for (int i = 0; i < kAcelpTrackLen; ++i) {
+    const int p = t + kTrackStep * i;
+    if (!in_span(p)) {
+      out[i] = R[i];
+      continue;
+    }
+    if (b != nullptr && b[p] < 0) continue;  // never read by the pair search
+    // acc is zero from 55 on: the terms past k = 54 - p add nothing, so
+    // whole groups of eight up to that bound give the same sum.
+    const int terms = (kAcelpPositions - p + 7) & ~7;
+    uint32_t sum = 0;
+    for (int k = 0; k < terms; ++k) sum += static_cast<uint32_t>(mul16(hn[k], acc[p + k]));
+    const int32_t c = static_cast<int32_t>(sum);
+    const int64_t v = (2 * int64_t{c} + 32768) >> 16;  // Q(2*hn) rounded to the matrix scale
+    const int64_t signed_v = (int64_t{s[p]} * v) >> 15;
+    out[i] = wrap16(add32_wrap(wrap32(signed_v), R[i]));
+  }
+}
+
 }  // namespace kevrc
 
 extern "C" int16_t *kevrce_buf_mul(int16_t *row, const int16_t *factors, int16_t t) {
@@ -201,29 +223,14 @@ extern "C" void kevrce_compute_corelation(const int16_t *hn, const int16_t *acc,
   // Zero-padded copies give every position the same sum length: the terms
   // past acc(54) are zero, as are those of the sum's stated range.
   int16_t hn_pad[kAcelpPadLen];
-  int16_t acc_pad[kAcelpPositions + kAcelpPadLen];
+  int16_t acc_pad[kAcelpAccLen];
   for (int k = 0; k < kAcelpPositions; ++k) {
     hn_pad[k] = hn[k];
     acc_pad[k] = acc[k];
   }
   for (int k = kAcelpPositions; k < kAcelpPadLen; ++k) hn_pad[k] = 0;
-  for (int k = kAcelpPositions; k < kAcelpPositions + kAcelpPadLen; ++k) acc_pad[k] = 0;
-  for (int i = 0; i < kAcelpTrackLen; ++i) {
-    const int p = t + kTrackStep * i;
-    if (!in_span(p)) {
-      out[i] = R[i];
-      continue;
-    }
-    // acc_pad is zero from 55 on: the terms past k = 54 - p add nothing, so
-    // whole groups of eight up to that bound give the same sum.
-    const int terms = (kAcelpPositions - p + 7) & ~7;
-    uint32_t sum = 0;
-    for (int k = 0; k < terms; ++k) sum += static_cast<uint32_t>(mul16(hn_pad[k], acc_pad[p + k]));
-    const int32_t c = static_cast<int32_t>(sum);
-    const int64_t v = (2 * int64_t{c} + 32768) >> 16;  // Q(2*hn) rounded to the matrix scale
-    const int64_t signed_v = (int64_t{s[p]} * v) >> 15;
-    out[i] = wrap16(add32_wrap(wrap32(signed_v), R[i]));
-  }
+  for (int k = kAcelpPositions; k < kAcelpAccLen; ++k) acc_pad[k] = 0;
+  acelp_track_energies(hn_pad, acc_pad, t, s, R, nullptr, out);
 }
 
 extern "C" void kevrce_search_best_pulse(const int16_t *tracks, const int16_t *d, const int16_t *B,
