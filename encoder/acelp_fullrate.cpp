@@ -24,6 +24,8 @@
 //   index     out      words 0..2: two-pulse words of tracks k, k+1, k+2;
 //                      word 3: single-pulse word (bits 9-10 = k); word 4:
 //                      not coded (holds track 4's intermediate value).
+#include <algorithm>
+
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
@@ -111,48 +113,90 @@ void preselect(int16_t *b) {
   }
 }
 
-// Lag sums of hn, the common terms of all its correlations:
-// lag_sum(r, lag) = sum_{k=0}^{r} hn(k) hn(k + lag), 32-bit wrap, kept for
-// lag <= 54 - r only (the terms reach hn(54)), packed row after row: row r
-// holds 55 - r lags. The correlation of the responses to pulses at p and q
-// over the subframe, sum_{n=max(p,q)}^{54} hn(n-p) hn(n-q), is
-// lag_sum(54 - m, m - n) with m = max(p, q), n = min(p, q): the entry at
-// kLagBase[m] - n.
-constexpr int lag_row(int r) { return r * kAcelpPositions - r * (r - 1) / 2; }
-constexpr int kLagSums = lag_row(kAcelpPositions);  // 1540
-
-struct LagBase {
-  int16_t at[kAcelpPositions];
-  constexpr LagBase() : at{} {
-    for (int m = 0; m < kAcelpPositions; ++m) at[m] = static_cast<int16_t>(lag_row(kAcelpLastPos - m) + m);
-  }
+// Lag sums of hn at the lags that pair neighbouring tracks (|q - p| is 1 or
+// 4 modulo 5): near(r, m) = sum_{k=0}^{r} hn(k) hn(k + 1 + 5m) and
+// far(r, m) = sum_{k=0}^{r} hn(k) hn(k + 4 + 5m), 32-bit wrap, hn read as 0
+// past 54. The correlation of the responses to pulses at p and q over the
+// subframe, sum_{n=max(p,q)}^{54} hn(n-p) hn(n-q), is the lag sum of
+// |q - p| in row 54 - max(p, q). m runs over 16 lanes (0..10 are read) so
+// that every row is whole vector groups.
+constexpr int kLagLanes = 16;
+constexpr int kNarrowFrom = 14;  // from row 14 on, m <= (53 - r) / 5 <= 7: eight lanes suffice
+struct NeighbourLagSums {
+  int32_t near[kAcelpPositions * kLagLanes];  // row r at r * kLagLanes
+  int32_t far[kAcelpPositions * kLagLanes];
 };
-constexpr LagBase kLagBase;
 
-void fill_lag_sums(const int16_t *hn, int32_t *lag_sum) {
-  for (int lag = 0; lag < kAcelpPositions; ++lag) lag_sum[lag] = mul16(hn[0], hn[lag]);
-  const int32_t *prev = lag_sum;
-  int32_t *row = lag_sum + kAcelpPositions;
-  for (int r = 1; r < kAcelpPositions; ++r) {
-    const int16_t hr = hn[r];
-    const int lags = kAcelpPositions - r;
-    for (int lag = 0; lag < lags; ++lag) row[lag] = add32_wrap(prev[lag], mul16(hr, hn[r + lag]));
-    prev = row;
-    row += lags;
+// One row of lag sums over `lanes` lanes: acc(m) += h * terms(m), stored.
+template <int kLanes>
+void lag_sum_row(int16_t h, const int16_t *terms, int32_t *acc, int32_t *out) {
+  for (int m = 0; m < kLanes; ++m) {
+    acc[m] = add32_wrap(acc[m], mul16(h, terms[m]));
+    out[m] = acc[m];
   }
 }
 
-int32_t pulse_correlation(const int32_t *lag_sum, int p, int q) {
-  return p < q ? lag_sum[kLagBase.at[q] - p] : lag_sum[kLagBase.at[p] - q];
+void fill_lag_sums(const int16_t *hn, NeighbourLagSums &sums) {
+  // hn by phase: phase[f][m] = hn(f + 5m), 0 past 54; row r reads phase
+  // entries up to (r + 4) / 5 + 15 <= 26.
+  constexpr int kPhaseLen = kAcelpTrackLen + kLagLanes;
+  int16_t phase[kAcelpTracks][kPhaseLen] = {};
+  for (int f = 0; f < kAcelpTracks; ++f)
+    for (int m = 0, n = f; n < kAcelpPositions; ++m, n += kTrackStep) phase[f][m] = hn[n];
+  int32_t near[kLagLanes] = {}, far[kLagLanes] = {};
+  int near_phase = 1, near_at = 0;  // hn(r + 1 + 5m) = phase[near_phase][near_at + m]
+  int far_phase = 4, far_at = 0;    // hn(r + 4 + 5m) = phase[far_phase][far_at + m]
+  for (int r = 0; r < kAcelpPositions; ++r) {
+    int32_t *near_out = sums.near + r * kLagLanes;
+    int32_t *far_out = sums.far + r * kLagLanes;
+    if (r < kNarrowFrom) {
+      lag_sum_row<kLagLanes>(hn[r], phase[near_phase] + near_at, near, near_out);
+      lag_sum_row<kLagLanes>(hn[r], phase[far_phase] + far_at, far, far_out);
+    } else {
+      lag_sum_row<kLagLanes / 2>(hn[r], phase[near_phase] + near_at, near, near_out);
+      lag_sum_row<kLagLanes / 2>(hn[r], phase[far_phase] + far_at, far, far_out);
+    }
+    if (++near_phase == kTrackStep) near_phase = 0, ++near_at;
+    if (++far_phase == kTrackStep) far_phase = 0, ++far_at;
+  }
+}
+
+// A matrix entry from the pulses' correlation c: (32768 + 2c) >> 16 (32-bit
+// wrap, kept as 16 bits; 32768 rounds the >> 16), then ((M f) >> 15) with
+// the sign factor f.
+int16_t folded_entry(int32_t c, int16_t f) {
+  const int32_t sum = add32_wrap(32768, shl32_wrap(c, 1));
+  return wrap16(mul16(wrap16(sum >> 16), f) >> 15);
+}
+
+// Row i of M_t (p = t + 5i) against q = (t+1) mod 5 + 5j, j = 0..10:
+// q - p = 1 + 5(j - i) for t < 4, 5(j - i) - 4 for t = 4. Columns before
+// `split` have q < p (lag 4 + 5m, row 54 - p of far), the others q > p
+// (lag 1 + 5m, row 54 - q of near).
+void matrix_row(const NeighbourLagSums &sums, int t, int i, const int16_t *factors,
+                int16_t *row) {
+  const int wrap = t == kAcelpTracks - 1 ? 1 : 0;  // the next track starts at 0
+  const int p = t + kTrackStep * i;
+  const int next = (t + 1) % kAcelpTracks;
+  const int split = std::min(i + wrap, kAcelpTrackLen);
+  const int32_t *far = sums.far + (kAcelpLastPos - p) * kLagLanes;
+  for (int j = 0; j < split; ++j)
+    row[j] = folded_entry(far[i - j - 1 + wrap], factors[next + kTrackStep * j]);
+  // Each column further: q up by 5, so the row of near 5 back and m up by 1.
+  constexpr int kNearStep = kTrackStep * kLagLanes - 1;
+  int at = (kAcelpLastPos - next - kTrackStep * split) * kLagLanes + split - i - wrap;
+  for (int j = split, q = next + kTrackStep * split; j < kAcelpTrackLen;
+       ++j, q += kTrackStep, at -= kNearStep)
+    row[j] = folded_entry(sums.near[at], factors[q]);
 }
 
 // Steps 5-8: hn and -hn behind their zero guards, the diagonal energies, and
 // the sign-folded cross-correlation matrices M_t(i, j) of p = t + 5i and
-// q = (t+1) mod 5 + 5j: (32768 + 2 lag_sum) >> 16 (32-bit wrap, kept as 16
+// q = (t+1) mod 5 + 5j: (32768 + 2 c) >> 16, c their lag sum (32-bit wrap, kept as 16
 // bits) times s(p) s(q), as ((M f) >> 15) with f = s(q) for s(p) >= 0, else
 // -s(q). Rows of positions that the pre-selection removed (B(p) < 0) are never
 // read by the pair search and are not formed.
-void build_correlations(const int16_t *h, int L, const int16_t *b, int32_t *lag_sum,
+void build_correlations(const int16_t *h, int L, const int16_t *b, NeighbourLagSums &lag_sums,
                         kevrce_acelp_full_scratch &s) {
   for (int n = 0; n < kAcelpGuard; ++n) s.hn_pos[n] = s.hn_neg[n] = 0;
   int16_t *hn = s.hn_pos + kAcelpGuard;
@@ -163,17 +207,12 @@ void build_correlations(const int16_t *h, int L, const int16_t *b, int32_t *lag_
   static constexpr int kStarts[kAcelpTracks] = {0, 1, 2, 3, 4};
   acelp_diagonal_energies(hn, kAcelpLastPos, kStarts, kTrackStep, kAcelpTracks, kAcelpTrackLen,
                           &s.diag[0][0]);
-  fill_lag_sums(hn, lag_sum);
+  fill_lag_sums(hn, lag_sums);
   for (int t = 0; t < kAcelpTracks; ++t) {
-    const int next = (t + 1) % kAcelpTracks;
     for (int i = 0, p = t; i < kAcelpTrackLen; ++i, p += kTrackStep) {
       if (b[p] < 0) continue;
-      const int16_t *factors = s.sign[p] >= 0 ? s.sign : s.sign_neg;
-      int16_t *row = s.cross[t] + i * kAcelpTrackLen;
-      for (int j = 0, q = next; j < kAcelpTrackLen; ++j, q += kTrackStep) {
-        const int32_t sum = add32_wrap(32768, shl32_wrap(pulse_correlation(lag_sum, p, q), 1));
-        row[j] = wrap16(mul16(wrap16(sum >> 16), factors[q]) >> 15);  // 32768 rounds the >> 16
-      }
+      matrix_row(lag_sums, t, i, s.sign[p] >= 0 ? s.sign : s.sign_neg,
+                 s.cross[t] + i * kAcelpTrackLen);
     }
   }
 }
@@ -270,8 +309,8 @@ extern "C" void kevrce_algcbk_fullrate(kevrce_work *work, int16_t *d, int16_t *r
   select_signs(d, residual, s);
   int16_t *b = residual;  // from here on residual holds B(p)
   preselect(b);
-  int32_t lag_sum[kLagSums];
-  build_correlations(impulse, L, b, lag_sum, s);
+  NeighbourLagSums lag_sums;
+  build_correlations(impulse, L, b, lag_sums, s);
 
   Choice best{};
   int best_k = 0;
