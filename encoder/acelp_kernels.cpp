@@ -71,28 +71,32 @@ constexpr int kHighFirst = kAcelpTrackLen - kRun;  // candidate of lane 8
 // The lane that holds candidate j (lanes 3..7 and 8..12 repeat 3..7).
 constexpr int candidate_lane(int j) { return j < kRun ? j : j + kRun - kHighFirst; }
 
+// The candidate held by lane l.
+constexpr int lane_candidate(int l) { return l < kRun ? l : l - kRun + kHighFirst; }
+
 // The 11 values of a row laid out in lanes.
 void to_lanes(const int16_t *v, int16_t *lanes) {
   std::copy(v, v + kRun, lanes);
   std::copy(v + kHighFirst, v + kAcelpTrackLen, lanes + kRun);
 }
 
-// Squared correlations k2 = (k * k) >> 15 (Q15, kept as 16 bits) of
-// k = k1 + d2, energies e = row + v2 + e1, and whether any candidate beats
-// the best k2_best / e_best (cross-multiplied: e_best k2 - k2_best e > 0).
-bool lanes_improve(int16_t k1, int16_t e1, const int16_t *d2, const int16_t *v2,
-                   const int16_t *row, int16_t e_best, int16_t k2_best, int16_t *k2,
-                   int16_t *e) {
-  int any = 0;
+// One row's candidates in lanes: squared correlations k2 = (k * k) >> 15
+// (Q15, kept as 16 bits) of k = k1 + d2, energies e = row + v2 + e1, and
+// whether any candidate beats the best k2_best / e_best (cross-multiplied:
+// k2_best e - e_best k2 < 0; both products lie within -2^30 + 32768 .. 2^30,
+// so the difference is exact in 32 bits and its sign bit says it).
+bool row_lanes(int16_t k1, int16_t e1, const int16_t *d2, const int16_t *v2, const int16_t *row,
+               int16_t e_best, int16_t k2_best, int16_t *k2, int16_t *e) {
+  uint32_t signs = 0;  // the differences ORed: the sign bit is set if any is negative
   // Kept as a loop (not unrolled first) so that it is vectorized whole.
 #pragma GCC unroll 1
   for (int l = 0; l < kLanes; ++l) {
     const int16_t k = add16_wrap(k1, d2[l]);
     k2[l] = mul16_shr15_wrap(k, k);
     e[l] = add16_wrap(add16_wrap(row[l], v2[l]), e1);
-    any |= sub32_wrap(mul16(e_best, k2[l]), mul16(k2_best, e[l])) > 0 ? 1 : 0;
+    signs |= static_cast<uint32_t>(sub32_wrap(mul16(k2_best, e[l]), mul16(e_best, k2[l])));
   }
-  return any != 0;
+  return (signs >> 31) != 0;
 }
 
 }  // namespace
@@ -246,13 +250,14 @@ extern "C" void kevrce_search_best_pulse(const int16_t *tracks, const int16_t *d
   int best_p = t1;
   int best_q = t2;
   if (t1 >= 0 && t2 >= 0) {
-    int16_t d2[kAcelpTrackLen];  // d of the second track, gathered
+    // A second track of 11 positions runs in lanes; a shorter one (t2 > 4)
+    // candidate by candidate.
+    const bool in_lanes = t2 < kAcelpTracks;
     int n2 = 0;
-    for (int q = t2; q <= kAcelpLastPos; q += kTrackStep) d2[n2++] = d[q];
-    const bool in_lanes = n2 == kAcelpTrackLen;
+    for (int q = t2; q <= kAcelpLastPos; q += kTrackStep) ++n2;
     int16_t d2_lanes[kLanes], v2_lanes[kLanes];
     if (in_lanes) {
-      to_lanes(d2, d2_lanes);
+      for (int l = 0; l < kLanes; ++l) d2_lanes[l] = d[t2 + kTrackStep * lane_candidate(l)];
       to_lanes(V2, v2_lanes);
     }
     for (int i = 0, p = t1; p <= kAcelpLastPos; ++i, p += kTrackStep) {
@@ -262,16 +267,16 @@ extern "C" void kevrce_search_best_pulse(const int16_t *tracks, const int16_t *d
       const int16_t *row = M + i * kAcelpTrackLen;
       int16_t k2[kLanes], e[kLanes];  // candidate j in lane j (j < 8) or j + 5
       if (in_lanes) {
-        int16_t row_lanes[kLanes];
-        to_lanes(row, row_lanes);
+        int16_t row_in_lanes[kLanes];
+        to_lanes(row, row_in_lanes);
         // Until a candidate beats the best, the best stays as it was at the
         // row's start; if none does, the row changes nothing.
-        if (!lanes_improve(k1, e1, d2_lanes, v2_lanes, row_lanes, e_best, k2_best, k2, e)) continue;
+        if (!row_lanes(k1, e1, d2_lanes, v2_lanes, row_in_lanes, e_best, k2_best, k2, e)) continue;
       } else {
-        for (int c = 0; c < n2; ++c) {
-          const int16_t k = add16_wrap(k1, d2[c]);
-          k2[candidate_lane(c)] = mul16_shr15_wrap(k, k);
-          e[candidate_lane(c)] = add16_wrap(add16_wrap(row[c], V2[c]), e1);
+        for (int j = 0; j < n2; ++j) {
+          const int16_t k = add16_wrap(k1, d[t2 + kTrackStep * j]);
+          k2[candidate_lane(j)] = mul16_shr15_wrap(k, k);
+          e[candidate_lane(j)] = add16_wrap(add16_wrap(row[j], V2[j]), e1);
         }
       }
       for (int j = 0; j < n2; ++j) {
