@@ -101,12 +101,6 @@ bool row_lanes(int16_t k1, int16_t e1, const int16_t *d2, const int16_t *v2, con
 
 }  // namespace
 
-int32_t acelp_dot_wrap(const int16_t *a, const int16_t *b) {
-  uint32_t c = 0;
-  for (int k = 0; k < kAcelpPadLen; ++k) c += static_cast<uint32_t>(mul16(a[k], b[k]));
-  return static_cast<int32_t>(c);
-}
-
 void acelp_normalise_impulse(const int16_t *h, int L, int16_t *hn) {
   Mac2Wrap energy;
   for (int n = 0; n < L; ++n) energy.add(h[n], h[n]);

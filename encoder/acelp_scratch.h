@@ -63,11 +63,6 @@ struct kevrce_acelp_scratch {
 
 namespace kevrc {
 
-// sum over k < kAcelpPadLen of a(k) b(k), wrapping in 32 bits. Shorter sums
-// run on zero-padded copies, so that every sum has this fixed length (which
-// the vector units take without a remainder).
-int32_t acelp_dot_wrap(const int16_t *a, const int16_t *b);
-
 // kevrce_compute_corelation on arrays that need no padding: hn(0..55) readable
 // (hn(55) is only ever multiplied by zeros), acc(0..61) with acc(55..61) = 0.
 // With b != nullptr, positions with b(p) < 0 are skipped (out(i) unchanged).
