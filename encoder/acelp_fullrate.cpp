@@ -79,20 +79,21 @@ SignWeights sign_weights(const int16_t *d, const int16_t *r) {
 // r / |r| + 2 d / |d|: the backward-filtered target weighs twice the residual.
 void select_signs(int16_t *d, int16_t *r, kevrce_acelp_full_scratch &s) {
   const SignWeights w = sign_weights(d, r);
+  // Shifts of 32 and more fill with the sign, as a shift by 31 does.
+  const int shift_r = std::min(w.shift_r, 31);
+  const int shift_d = std::min(w.shift_d, 31);
   for (int p = 0; p < kAcelpPositions; ++p) {
     const int32_t beta =
-        add32_wrap(asr32(mul2_16(w.edh, r[p]), w.shift_r), asr32(mul2_16(d[p], w.sq), w.shift_d));
-    if (beta < 0) {
-      s.sign[p] = kMinus;
-      s.sign_neg[p] = kPlus;
-      d[p] = wrap16(-int32_t{d[p]});
-    } else {
-      s.sign[p] = kPlus;
-      s.sign_neg[p] = kMinus;
-    }
-    // High half of |beta| << 8, saturating: |beta| >> 8 clamped to 32767.
-    const int64_t magnitude = beta < 0 ? -int64_t{beta} : int64_t{beta};
-    r[p] = static_cast<int16_t>(magnitude >= (int64_t{1} << 23) ? 32767 : magnitude >> 8);
+        add32_wrap(mul2_16(w.edh, r[p]) >> shift_r, mul2_16(d[p], w.sq) >> shift_d);
+    const bool negative = beta < 0;
+    s.sign[p] = negative ? kMinus : kPlus;
+    s.sign_neg[p] = negative ? kPlus : kMinus;
+    d[p] = negative ? wrap16(-int32_t{d[p]}) : d[p];
+    // High half of |beta| << 8, saturating: |beta| >> 8 clamped to 32767
+    // (|beta| taken in 32 unsigned bits: 2^31 for -2^31).
+    const uint32_t magnitude =
+        negative ? 0u - static_cast<uint32_t>(beta) : static_cast<uint32_t>(beta);
+    r[p] = static_cast<int16_t>(std::min<uint32_t>(magnitude >> 8, 32767));
   }
 }
 
