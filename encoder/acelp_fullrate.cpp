@@ -8,7 +8,8 @@
 // words and one 11-bit word.
 //
 // kevrce_algcbk_fullrate(work, d, residual, L, impulse, code, filtered, index)
-//   work      scratch  work->acelp.full (signs, hn, energies, matrices).
+//   work      scratch  work->acelp.full (signs, hn, energies, matrices); the
+//                      lag sums behind the matrices (7 KB) live on the stack.
 //   d         in/out   d(0..54), the scaled backward-filtered target (Q of
 //                      the entry's scaling, |d| < 2^14 in use); zeroed from
 //                      L on, then sign-folded (d(p) * s(p) >= 0 afterwards).
@@ -91,8 +92,7 @@ void select_signs(int16_t *d, int16_t *r, kevrce_acelp_full_scratch &s) {
     d[p] = negative ? wrap16(-int32_t{d[p]}) : d[p];
     // High half of |beta| << 8, saturating: |beta| >> 8 clamped to 32767
     // (|beta| taken in 32 unsigned bits: 2^31 for -2^31).
-    const uint32_t magnitude =
-        negative ? 0u - static_cast<uint32_t>(beta) : static_cast<uint32_t>(beta);
+    const auto magnitude = static_cast<uint32_t>(negative ? neg32_wrap(beta) : beta);
     r[p] = static_cast<int16_t>(std::min<uint32_t>(magnitude >> 8, 32767));
   }
 }
@@ -120,7 +120,8 @@ void preselect(int16_t *b) {
 // past 54. The correlation of the responses to pulses at p and q over the
 // subframe, sum_{n=max(p,q)}^{54} hn(n-p) hn(n-q), is the lag sum of
 // |q - p| in row 54 - max(p, q). m runs over 16 lanes (0..10 are read) so
-// that every row is whole vector groups.
+// that every row is whole vector groups; from row 14 on only m <= 7 can be
+// read (1 + 5m <= 54 - r), and only lanes 0..7 are formed.
 constexpr int kLagLanes = 16;
 constexpr int kNarrowFrom = 14;  // from row 14 on, m <= (53 - r) / 5 <= 7: eight lanes suffice
 struct NeighbourLagSums {
@@ -193,10 +194,10 @@ void matrix_row(const NeighbourLagSums &sums, int t, int i, const int16_t *facto
 
 // Steps 5-8: hn and -hn behind their zero guards, the diagonal energies, and
 // the sign-folded cross-correlation matrices M_t(i, j) of p = t + 5i and
-// q = (t+1) mod 5 + 5j: (32768 + 2 c) >> 16, c their lag sum (32-bit wrap, kept as 16
-// bits) times s(p) s(q), as ((M f) >> 15) with f = s(q) for s(p) >= 0, else
-// -s(q). Rows of positions that the pre-selection removed (B(p) < 0) are never
-// read by the pair search and are not formed.
+// q = (t+1) mod 5 + 5j: (32768 + 2c) >> 16 with c their lag sum (32-bit
+// wrap, kept as 16 bits) times s(p) s(q), as ((M f) >> 15) with f = s(q) for
+// s(p) >= 0, else -s(q). Rows of positions that the pre-selection removed
+// (B(p) < 0) are never read by the pair search and are not formed.
 void build_correlations(const int16_t *h, int L, const int16_t *b, NeighbourLagSums &lag_sums,
                         kevrce_acelp_full_scratch &s) {
   for (int n = 0; n < kAcelpGuard; ++n) s.hn_pos[n] = s.hn_neg[n] = 0;

@@ -104,17 +104,17 @@ void scale_target(const int32_t *big_d, int16_t *d) {
 // x.y / y.y by normalised division; y taken at half scale. The sums of
 // 2 a b terms wrap in 32 bits, so their order does not matter.
 int16_t optimal_gain(const int16_t *x, const int16_t *y, int L) {
-  uint32_t xy = 0, yy = 0;  // the sums of a b, modulo 2^32
+  Mac2Wrap xy, yy;
   for (int n = 0; n < L; ++n) {
     const int16_t half_y = static_cast<int16_t>(y[n] >> 1);
-    xy += static_cast<uint32_t>(mul16(x[n], half_y));
-    yy += static_cast<uint32_t>(mul16(half_y, half_y));
+    xy.add(x[n], half_y);
+    yy.add(half_y, half_y);
   }
-  const int32_t num = add32_wrap(1, shl32_wrap(static_cast<int32_t>(xy), 1));
+  const int32_t num = add32_wrap(1, xy.value());
   const int e1 = norm_32(num);
   const int32_t num_norm = shl32_wrap(num, e1);
   if (num_norm < kGainFloor) return 0;  // includes every non-positive correlation
-  const int32_t den = shl32_wrap(static_cast<int32_t>(yy), 1);
+  const int32_t den = yy.value();
   const int e2 = norm_32(den);
   const int16_t den_high = static_cast<int16_t>(shl32_wrap(den, e2) >> 16);
   const int16_t quotient = den_high == 0 ? int16_t{0} : wrap16(((num_norm >> 17) << 15) / den_high);
