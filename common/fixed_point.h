@@ -297,4 +297,19 @@ constexpr inline void block_float_align(BlockFloat &a, BlockFloat &b) {
   }
 }
 
+// ---------------------------------------------------------------------------
+// Products in 16-bit lanes
+// ---------------------------------------------------------------------------
+
+// (a * b) >> 15 kept as 16 bits (wrap16(mul16(a, b) >> 15)), formed from the
+// product's high half (a * b) >> 16 and the top bit of its low half: twice
+// the high half plus that bit, modulo 2^16. Written this way a loop of them
+// stays in 16-bit vector lanes (high- and low-half multiplies) instead of
+// widening to 32 bits and narrowing back.
+constexpr inline int16_t mul16_shr15_wrap(int16_t a, int16_t b) {
+  const auto high = static_cast<uint16_t>((int32_t{a} * b) >> 16);
+  const auto low = static_cast<uint16_t>(int32_t{a} * b);
+  return static_cast<int16_t>(static_cast<uint16_t>((high << 1) | (low >> 15)));
+}
+
 }  // namespace kevrc

@@ -8,7 +8,8 @@
 // words and one 11-bit word.
 //
 // kevrce_algcbk_fullrate(work, d, residual, L, impulse, code, filtered, index)
-//   work      scratch  work->acelp.full (signs, hn, energies, matrices).
+//   work      scratch  work->acelp.full (signs, hn, energies, matrices); the
+//                      lag sums behind the matrices (7 KB) live on the stack.
 //   d         in/out   d(0..54), the scaled backward-filtered target (Q of
 //                      the entry's scaling, |d| < 2^14 in use); zeroed from
 //                      L on, then sign-folded (d(p) * s(p) >= 0 afterwards).
@@ -24,6 +25,8 @@
 //   index     out      words 0..2: two-pulse words of tracks k, k+1, k+2;
 //                      word 3: single-pulse word (bits 9-10 = k); word 4:
 //                      not coded (holds track 4's intermediate value).
+#include <algorithm>
+
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
@@ -77,20 +80,20 @@ SignWeights sign_weights(const int16_t *d, const int16_t *r) {
 // r / |r| + 2 d / |d|: the backward-filtered target weighs twice the residual.
 void select_signs(int16_t *d, int16_t *r, kevrce_acelp_full_scratch &s) {
   const SignWeights w = sign_weights(d, r);
+  // Shifts of 32 and more fill with the sign, as a shift by 31 does.
+  const int shift_r = std::min(w.shift_r, 31);
+  const int shift_d = std::min(w.shift_d, 31);
   for (int p = 0; p < kAcelpPositions; ++p) {
     const int32_t beta =
-        add32_wrap(asr32(mul2_16(w.edh, r[p]), w.shift_r), asr32(mul2_16(d[p], w.sq), w.shift_d));
-    if (beta < 0) {
-      s.sign[p] = kMinus;
-      s.sign_neg[p] = kPlus;
-      d[p] = wrap16(-int32_t{d[p]});
-    } else {
-      s.sign[p] = kPlus;
-      s.sign_neg[p] = kMinus;
-    }
-    // High half of |beta| << 8, saturating: |beta| >> 8 clamped to 32767.
-    const int64_t magnitude = beta < 0 ? -int64_t{beta} : int64_t{beta};
-    r[p] = static_cast<int16_t>(magnitude >= (int64_t{1} << 23) ? 32767 : magnitude >> 8);
+        add32_wrap(mul2_16(w.edh, r[p]) >> shift_r, mul2_16(d[p], w.sq) >> shift_d);
+    const bool negative = beta < 0;
+    s.sign[p] = negative ? kMinus : kPlus;
+    s.sign_neg[p] = negative ? kPlus : kMinus;
+    d[p] = negative ? wrap16(-int32_t{d[p]}) : d[p];
+    // High half of |beta| << 8, saturating: |beta| >> 8 clamped to 32767
+    // (|beta| taken in 32 unsigned bits: 2^31 for -2^31).
+    const auto magnitude = static_cast<uint32_t>(negative ? neg32_wrap(beta) : beta);
+    r[p] = static_cast<int16_t>(std::min<uint32_t>(magnitude >> 8, 32767));
   }
 }
 
@@ -111,27 +114,108 @@ void preselect(int16_t *b) {
   }
 }
 
-// Steps 5-8: hn and -hn behind their zero guards, the diagonal energies, the
-// cross-correlation matrices, and the signs folded into the matrices.
-void build_correlations(const int16_t *h, int L, kevrce_acelp_full_scratch &s) {
+// Lag sums of hn at the lags that pair neighbouring tracks (|q - p| is 1 or
+// 4 modulo 5): near(r, m) = sum_{k=0}^{r} hn(k) hn(k + 1 + 5m) and
+// far(r, m) = sum_{k=0}^{r} hn(k) hn(k + 4 + 5m), 32-bit wrap, hn read as 0
+// past 54. The correlation of the responses to pulses at p and q over the
+// subframe, sum_{n=max(p,q)}^{54} hn(n-p) hn(n-q), is the lag sum of
+// |q - p| in row 54 - max(p, q). m runs over 16 lanes (0..10 are read) so
+// that every row is whole vector groups; from row 14 on only m <= 7 can be
+// read (1 + 5m <= 54 - r), and only lanes 0..7 are formed.
+constexpr int kLagLanes = 16;
+constexpr int kNarrowFrom = 14;  // from row 14 on, m <= (53 - r) / 5 <= 7: eight lanes suffice
+struct NeighbourLagSums {
+  int32_t near[kAcelpPositions * kLagLanes];  // row r at r * kLagLanes
+  int32_t far[kAcelpPositions * kLagLanes];
+};
+
+// One row of lag sums over `lanes` lanes: acc(m) += h * terms(m), stored.
+template <int kLanes>
+void lag_sum_row(int16_t h, const int16_t *terms, int32_t *acc, int32_t *out) {
+  for (int m = 0; m < kLanes; ++m) {
+    acc[m] = add32_wrap(acc[m], mul16(h, terms[m]));
+    out[m] = acc[m];
+  }
+}
+
+void fill_lag_sums(const int16_t *hn, NeighbourLagSums &sums) {
+  // hn by phase: phase[f][m] = hn(f + 5m), 0 past 54; row r reads phase
+  // entries up to (r + 4) / 5 + 15 <= 26.
+  constexpr int kPhaseLen = kAcelpTrackLen + kLagLanes;
+  int16_t phase[kAcelpTracks][kPhaseLen] = {};
+  for (int f = 0; f < kAcelpTracks; ++f)
+    for (int m = 0, n = f; n < kAcelpPositions; ++m, n += kTrackStep) phase[f][m] = hn[n];
+  int32_t near[kLagLanes] = {}, far[kLagLanes] = {};
+  int near_phase = 1, near_at = 0;  // hn(r + 1 + 5m) = phase[near_phase][near_at + m]
+  int far_phase = 4, far_at = 0;    // hn(r + 4 + 5m) = phase[far_phase][far_at + m]
+  for (int r = 0; r < kAcelpPositions; ++r) {
+    int32_t *near_out = sums.near + r * kLagLanes;
+    int32_t *far_out = sums.far + r * kLagLanes;
+    if (r < kNarrowFrom) {
+      lag_sum_row<kLagLanes>(hn[r], phase[near_phase] + near_at, near, near_out);
+      lag_sum_row<kLagLanes>(hn[r], phase[far_phase] + far_at, far, far_out);
+    } else {
+      lag_sum_row<kLagLanes / 2>(hn[r], phase[near_phase] + near_at, near, near_out);
+      lag_sum_row<kLagLanes / 2>(hn[r], phase[far_phase] + far_at, far, far_out);
+    }
+    if (++near_phase == kTrackStep) near_phase = 0, ++near_at;
+    if (++far_phase == kTrackStep) far_phase = 0, ++far_at;
+  }
+}
+
+// A matrix entry from the pulses' correlation c: (32768 + 2c) >> 16 (32-bit
+// wrap, kept as 16 bits; 32768 rounds the >> 16), then ((M f) >> 15) with
+// the sign factor f.
+int16_t folded_entry(int32_t c, int16_t f) {
+  const int32_t sum = add32_wrap(32768, shl32_wrap(c, 1));
+  return wrap16(mul16(wrap16(sum >> 16), f) >> 15);
+}
+
+// Row i of M_t (p = t + 5i) against q = (t+1) mod 5 + 5j, j = 0..10:
+// q - p = 1 + 5(j - i) for t < 4, 5(j - i) - 4 for t = 4. Columns before
+// `split` have q < p (lag 4 + 5m, row 54 - p of far), the others q > p
+// (lag 1 + 5m, row 54 - q of near).
+void matrix_row(const NeighbourLagSums &sums, int t, int i, const int16_t *factors,
+                int16_t *row) {
+  const int wrap = t == kAcelpTracks - 1 ? 1 : 0;  // the next track starts at 0
+  const int p = t + kTrackStep * i;
+  const int next = (t + 1) % kAcelpTracks;
+  const int split = std::min(i + wrap, kAcelpTrackLen);
+  const int32_t *far = sums.far + (kAcelpLastPos - p) * kLagLanes;
+  for (int j = 0; j < split; ++j)
+    row[j] = folded_entry(far[i - j - 1 + wrap], factors[next + kTrackStep * j]);
+  // Each column further: q up by 5, so the row of near 5 back and m up by 1.
+  constexpr int kNearStep = kTrackStep * kLagLanes - 1;
+  int at = (kAcelpLastPos - next - kTrackStep * split) * kLagLanes + split - i - wrap;
+  for (int j = split, q = next + kTrackStep * split; j < kAcelpTrackLen;
+       ++j, q += kTrackStep, at -= kNearStep)
+    row[j] = folded_entry(sums.near[at], factors[q]);
+}
+
+// Steps 5-8: hn and -hn behind their zero guards, the diagonal energies, and
+// the sign-folded cross-correlation matrices M_t(i, j) of p = t + 5i and
+// q = (t+1) mod 5 + 5j: (32768 + 2c) >> 16 with c their lag sum (32-bit
+// wrap, kept as 16 bits) times s(p) s(q), as ((M f) >> 15) with f = s(q) for
+// s(p) >= 0, else -s(q). Rows of positions that the pre-selection removed
+// (B(p) < 0) are never read by the pair search and are not formed.
+void build_correlations(const int16_t *h, int L, const int16_t *b, NeighbourLagSums &lag_sums,
+                        kevrce_acelp_full_scratch &s) {
   for (int n = 0; n < kAcelpGuard; ++n) s.hn_pos[n] = s.hn_neg[n] = 0;
   int16_t *hn = s.hn_pos + kAcelpGuard;
   acelp_normalise_impulse(h, L, hn);
+  hn[kAcelpPositions] = 0;
   for (int n = 0; n < kAcelpPositions; ++n) s.hn_neg[kAcelpGuard + n] = wrap16(-int32_t{hn[n]});
 
   static constexpr int kStarts[kAcelpTracks] = {0, 1, 2, 3, 4};
-  static constexpr int kNext[kAcelpTracks] = {1, 2, 3, 4, 0};
   acelp_diagonal_energies(hn, kAcelpLastPos, kStarts, kTrackStep, kAcelpTracks, kAcelpTrackLen,
                           &s.diag[0][0]);
-  int16_t *const matrices[kAcelpTracks] = {s.cross[0], s.cross[1], s.cross[2], s.cross[3],
-                                           s.cross[4]};
-  acelp_cross_correlations(hn, kAcelpLastPos, kTrackStep, kAcelpTrackLen, kAcelpTracks, kStarts,
-                           kNext, matrices);
+  fill_lag_sums(hn, lag_sums);
   for (int t = 0; t < kAcelpTracks; ++t) {
-    int16_t *row = s.cross[t];
-    for (int p = t; p < kAcelpPositions; p += kTrackStep)
-      row =
-          kevrce_buf_mul(row, s.sign[p] >= 0 ? s.sign : s.sign_neg, static_cast<int16_t>(kNext[t]));
+    for (int i = 0, p = t; i < kAcelpTrackLen; ++i, p += kTrackStep) {
+      if (b[p] < 0) continue;
+      matrix_row(lag_sums, t, i, s.sign[p] >= 0 ? s.sign : s.sign_neg,
+                 s.cross[t] + i * kAcelpTrackLen);
+    }
   }
 }
 
@@ -157,13 +241,14 @@ Choice search_configuration(int k, const int16_t *d, const int16_t *b,
                            state);
   c.pos[0] = state[2];
   c.pos[1] = state[3];
-  for (int n = 0; n < kAcelpPositions; ++n) s.acc[n] = 0;
+  for (int n = 0; n < kAcelpAccLen; ++n) s.acc[n] = 0;
   for (int pair = 1; pair < kPairs; ++pair) {
     kevrce_buf_accumulate(s.acc, pulse_response(s, c.pos[2 * pair - 2]),
                           pulse_response(s, c.pos[2 * pair - 1]));
     const int16_t *tr = tracks + 2 * pair;
-    kevrce_compute_corelation(hn, s.acc, tr[0], s.sign, s.diag[tr[0]], s.v1);
-    kevrce_compute_corelation(hn, s.acc, tr[1], s.sign, s.diag[tr[1]], s.v2);
+    // The first track's energies only where the pair search reads them.
+    acelp_track_energies(hn, s.acc, tr[0], s.sign, s.diag[tr[0]], b, s.v1);
+    acelp_track_energies(hn, s.acc, tr[1], s.sign, s.diag[tr[1]], nullptr, s.v2);
     kevrce_search_best_pulse(tr, d, b, s.v1, s.v2, s.cross[tr[0]], state);
     c.pos[2 * pair] = state[2];
     c.pos[2 * pair + 1] = state[3];
@@ -226,7 +311,8 @@ extern "C" void kevrce_algcbk_fullrate(kevrce_work *work, int16_t *d, int16_t *r
   select_signs(d, residual, s);
   int16_t *b = residual;  // from here on residual holds B(p)
   preselect(b);
-  build_correlations(impulse, L, s);
+  NeighbourLagSums lag_sums;
+  build_correlations(impulse, L, b, lag_sums, s);
 
   Choice best{};
   int best_k = 0;

@@ -40,7 +40,8 @@
 //   best, so the first maximum in scan order wins.
 //
 // kevrc::acelp_normalise_impulse, acelp_filter_pulses, acelp_diagonal_energies
-// and acelp_cross_correlations (shared with the half-rate search): see
+// and acelp_cross_correlations (shared with the half-rate search), and
+// acelp_track_energies (compute_corelation on padded arrays): see
 // encoder/acelp_scratch.h.
 #include <algorithm>
 #include <cstdlib>
@@ -59,16 +60,46 @@ bool in_span(int p) { return p >= 0 && p <= kAcelpLastPos; }
 // d(p), read as 0 outside the searched positions.
 int16_t d_at(const int16_t *d, int p) { return in_span(p) ? d[p] : int16_t{0}; }
 
-// (k * k) >> 15 kept as 16 bits: the squared correlation, Q15 -> Q15.
-int16_t square_q15(int16_t k) { return wrap16(mul16(k, k) >> 15); }
+// A row of the pair search in 16 lanes: lanes 0..7 hold the second track's
+// candidates j = 0..7, lanes 8..15 candidates j = 3..10. The two overlapping
+// runs of eight give fixed trip counts for the vector units; the repeated
+// candidates change neither the values nor the answer.
+constexpr int kLanes = 16;
+constexpr int kRun = 8;
+constexpr int kHighFirst = kAcelpTrackLen - kRun;  // candidate of lane 8
+
+// The lane that holds candidate j (lanes 3..7 and 8..12 repeat 3..7).
+constexpr int candidate_lane(int j) { return j < kRun ? j : j + kRun - kHighFirst; }
+
+// The candidate held by lane l.
+constexpr int lane_candidate(int l) { return l < kRun ? l : l - kRun + kHighFirst; }
+
+// The 11 values of a row laid out in lanes.
+void to_lanes(const int16_t *v, int16_t *lanes) {
+  std::copy(v, v + kRun, lanes);
+  std::copy(v + kHighFirst, v + kAcelpTrackLen, lanes + kRun);
+}
+
+// One row's candidates in lanes: squared correlations k2 = (k * k) >> 15
+// (Q15, kept as 16 bits) of k = k1 + d2, energies e = row + v2 + e1, and
+// whether any candidate beats the best k2_best / e_best (cross-multiplied:
+// k2_best e - e_best k2 < 0; both products lie within -2^30 + 32768 .. 2^30,
+// so the difference is exact in 32 bits and its sign bit says it).
+bool row_lanes(int16_t k1, int16_t e1, const int16_t *d2, const int16_t *v2, const int16_t *row,
+               int16_t e_best, int16_t k2_best, int16_t *k2, int16_t *e) {
+  uint32_t signs = 0;  // the differences ORed: the sign bit is set if any is negative
+  // Kept as a loop (not unrolled first) so that it is vectorized whole.
+#pragma GCC unroll 1
+  for (int l = 0; l < kLanes; ++l) {
+    const int16_t k = add16_wrap(k1, d2[l]);
+    k2[l] = mul16_shr15_wrap(k, k);
+    e[l] = add16_wrap(add16_wrap(row[l], v2[l]), e1);
+    signs |= static_cast<uint32_t>(sub32_wrap(mul16(k2_best, e[l]), mul16(e_best, k2[l])));
+  }
+  return (signs >> 31) != 0;
+}
 
 }  // namespace
-
-int32_t acelp_dot_wrap(const int16_t *a, const int16_t *b) {
-  uint32_t c = 0;
-  for (int k = 0; k < kAcelpPadLen; ++k) c += static_cast<uint32_t>(mul16(a[k], b[k]));
-  return static_cast<int32_t>(c);
-}
 
 void acelp_normalise_impulse(const int16_t *h, int L, int16_t *hn) {
   Mac2Wrap energy;
@@ -146,6 +177,27 @@ void acelp_cross_correlations(const int16_t *hn, int last, int step, int n, int 
   }
 }
 
+void acelp_track_energies(const int16_t *hn, const int16_t *acc, int t, const int16_t *s,
+                          const int16_t *R, const int16_t *b, int16_t *out) {
+  for (int i = 0; i < kAcelpTrackLen; ++i) {
+    const int p = t + kTrackStep * i;
+    if (!in_span(p)) {
+      out[i] = R[i];
+      continue;
+    }
+    if (b != nullptr && b[p] < 0) continue;  // never read by the pair search
+    // acc is zero from 55 on: the terms past k = 54 - p add nothing, so
+    // whole groups of eight up to that bound give the same sum.
+    const int terms = (kAcelpPositions - p + 7) & ~7;
+    uint32_t sum = 0;
+    for (int k = 0; k < terms; ++k) sum += static_cast<uint32_t>(mul16(hn[k], acc[p + k]));
+    const int32_t c = static_cast<int32_t>(sum);
+    const int64_t v = (2 * int64_t{c} + 32768) >> 16;  // Q(2*hn) rounded to the matrix scale
+    const int64_t signed_v = (int64_t{s[p]} * v) >> 15;
+    out[i] = wrap16(add32_wrap(wrap32(signed_v), R[i]));
+  }
+}
+
 }  // namespace kevrc
 
 extern "C" int16_t *kevrce_buf_mul(int16_t *row, const int16_t *factors, int16_t t) {
@@ -169,29 +221,14 @@ extern "C" void kevrce_compute_corelation(const int16_t *hn, const int16_t *acc,
   // Zero-padded copies give every position the same sum length: the terms
   // past acc(54) are zero, as are those of the sum's stated range.
   int16_t hn_pad[kAcelpPadLen];
-  int16_t acc_pad[kAcelpPositions + kAcelpPadLen];
+  int16_t acc_pad[kAcelpAccLen];
   for (int k = 0; k < kAcelpPositions; ++k) {
     hn_pad[k] = hn[k];
     acc_pad[k] = acc[k];
   }
   for (int k = kAcelpPositions; k < kAcelpPadLen; ++k) hn_pad[k] = 0;
-  for (int k = kAcelpPositions; k < kAcelpPositions + kAcelpPadLen; ++k) acc_pad[k] = 0;
-  for (int i = 0; i < kAcelpTrackLen; ++i) {
-    const int p = t + kTrackStep * i;
-    if (!in_span(p)) {
-      out[i] = R[i];
-      continue;
-    }
-    // acc_pad is zero from 55 on: the terms past k = 54 - p add nothing, so
-    // whole groups of eight up to that bound give the same sum.
-    const int terms = (kAcelpPositions - p + 7) & ~7;
-    uint32_t sum = 0;
-    for (int k = 0; k < terms; ++k) sum += static_cast<uint32_t>(mul16(hn_pad[k], acc_pad[p + k]));
-    const int32_t c = static_cast<int32_t>(sum);
-    const int64_t v = (2 * int64_t{c} + 32768) >> 16;  // Q(2*hn) rounded to the matrix scale
-    const int64_t signed_v = (int64_t{s[p]} * v) >> 15;
-    out[i] = wrap16(add32_wrap(wrap32(signed_v), R[i]));
-  }
+  for (int k = kAcelpPositions; k < kAcelpAccLen; ++k) acc_pad[k] = 0;
+  acelp_track_energies(hn_pad, acc_pad, t, s, R, nullptr, out);
 }
 
 extern "C" void kevrce_search_best_pulse(const int16_t *tracks, const int16_t *d, const int16_t *B,
@@ -207,29 +244,41 @@ extern "C" void kevrce_search_best_pulse(const int16_t *tracks, const int16_t *d
   int best_p = t1;
   int best_q = t2;
   if (t1 >= 0 && t2 >= 0) {
-    int16_t d2[kAcelpTrackLen];  // d of the second track, gathered
+    // A second track of 11 positions runs in lanes; a shorter one (t2 > 4)
+    // candidate by candidate.
+    const bool in_lanes = t2 < kAcelpTracks;
     int n2 = 0;
-    for (int q = t2; q <= kAcelpLastPos; q += kTrackStep) d2[n2++] = d[q];
+    for (int q = t2; q <= kAcelpLastPos; q += kTrackStep) ++n2;
+    int16_t d2_lanes[kLanes], v2_lanes[kLanes];
+    if (in_lanes) {
+      for (int l = 0; l < kLanes; ++l) d2_lanes[l] = d[t2 + kTrackStep * lane_candidate(l)];
+      to_lanes(V2, v2_lanes);
+    }
     for (int i = 0, p = t1; p <= kAcelpLastPos; ++i, p += kTrackStep) {
       if (B[p] < 0) continue;  // not pre-selected as a first pulse
       const int16_t k1 = add16_wrap(k0, d[p]);
       const int16_t e1 = add16_wrap(e0, V1[i]);
       const int16_t *row = M + i * kAcelpTrackLen;
-      int16_t k2[kAcelpTrackLen], e[kAcelpTrackLen];
-      int32_t gain = INT32_MIN;  // the row's largest improvement over the best so far
-      for (int j = 0; j < n2; ++j) {
-        k2[j] = square_q15(add16_wrap(k1, d2[j]));
-        e[j] = wrap16(int32_t{row[j]} + V2[j] + e1);
-        gain = std::max(gain, sub32_wrap(mul16(e_best, k2[j]), mul16(k2_best, e[j])));
+      int16_t k2[kLanes], e[kLanes];  // candidate j in lane j (j < 8) or j + 5
+      if (in_lanes) {
+        int16_t row_in_lanes[kLanes];
+        to_lanes(row, row_in_lanes);
+        // Until a candidate beats the best, the best stays as it was at the
+        // row's start; if none does, the row changes nothing.
+        if (!row_lanes(k1, e1, d2_lanes, v2_lanes, row_in_lanes, e_best, k2_best, k2, e)) continue;
+      } else {
+        for (int j = 0; j < n2; ++j) {
+          const int16_t k = add16_wrap(k1, d[t2 + kTrackStep * j]);
+          k2[candidate_lane(j)] = mul16_shr15_wrap(k, k);
+          e[candidate_lane(j)] = add16_wrap(add16_wrap(row[j], V2[j]), e1);
+        }
       }
-      // Until a candidate beats the best, the best stays as it was at the row's
-      // start; if none does, the row changes nothing.
-      if (gain <= 0) continue;
       for (int j = 0; j < n2; ++j) {
+        const int l = candidate_lane(j);
         // k2 / e > k2_best / e_best, cross-multiplied.
-        if (sub32_wrap(mul16(e_best, k2[j]), mul16(k2_best, e[j])) > 0) {
-          k2_best = k2[j];
-          e_best = e[j];
+        if (sub32_wrap(mul16(e_best, k2[l]), mul16(k2_best, e[l])) > 0) {
+          k2_best = k2[l];
+          e_best = e[l];
           best_p = p;
           best_q = t2 + kTrackStep * j;
         }

@@ -9,7 +9,8 @@
 // The full-rate normalised impulse response and its negation are each
 // preceded by a zero guard of 55 entries, so that hn(n - p) reads 0 for
 // n < p when a pulse's shifted response is taken as a pointer
-// (hn_pos + kAcelpGuard - p). Reads never go past hn(54), so no guard follows.
+// (hn_pos + kAcelpGuard - p). Pulse responses never read past hn(54); hn_pos
+// holds one zero more for the correlation sums of whole groups of eight.
 #pragma once
 
 #include <cstdint>
@@ -26,18 +27,21 @@ constexpr int kHalfTrackLen = 8;
 constexpr int kHalfTrackStep = 7;
 constexpr int16_t kAcelpPulse = 4096;  // pulse amplitude, 1.0 in Q12
 constexpr int kAcelpPadLen = 56;       // >= 55 terms, a multiple of 8 for the vector units
+// acc(0..54) and the zeros read past it by sums of whole groups of eight
+// from any position (p + ((55 - p + 7) & ~7) <= 62).
+constexpr int kAcelpAccLen = kAcelpPositions + 7;
 }  // namespace kevrc
 
 struct kevrce_acelp_full_scratch {
   int16_t sign[kevrc::kAcelpPositions];      // s(p): +32767 / -32768 per position
   int16_t sign_neg[kevrc::kAcelpPositions];  // -s(p): -32768 / +32767
-  int16_t hn_pos[kevrc::kAcelpGuard + kevrc::kAcelpPositions];  // zeros, then hn(0..54)
+  int16_t hn_pos[kevrc::kAcelpGuard + kevrc::kAcelpPadLen];  // zeros, then hn(0..54), 0
   int16_t hn_neg[kevrc::kAcelpGuard + kevrc::kAcelpPositions];  // zeros, then -hn(0..54)
   int16_t diag[kevrc::kAcelpTracks][kevrc::kAcelpTrackLen];     // R_t(i)
-  // M_t(i, j), row i on track t, column j on track (t+1) mod 5, row after row;
-  // sign-folded once the signs are known.
+  // M_t(i, j), row i on track t, column j on track (t+1) mod 5, row after row,
+  // sign-folded; only the rows of pre-selected positions (B(p) >= 0) are formed.
   int16_t cross[kevrc::kAcelpTracks][kevrc::kAcelpTrackLen * kevrc::kAcelpTrackLen];
-  int16_t acc[kevrc::kAcelpPositions];  // a(n): signed responses of the pulses placed so far
+  int16_t acc[kevrc::kAcelpAccLen];  // a(n): signed responses of the pulses placed so far, 0 past 54
   int16_t v1[kevrc::kAcelpTrackLen];    // pair search: energies of the first track
   int16_t v2[kevrc::kAcelpTrackLen];    // pair search: energies of the second track
 };
@@ -59,10 +63,11 @@ struct kevrce_acelp_scratch {
 
 namespace kevrc {
 
-// sum over k < kAcelpPadLen of a(k) b(k), wrapping in 32 bits. Shorter sums
-// run on zero-padded copies, so that every sum has this fixed length (which
-// the vector units take without a remainder).
-int32_t acelp_dot_wrap(const int16_t *a, const int16_t *b);
+// kevrce_compute_corelation on arrays that need no padding: hn(0..55) readable
+// (hn(55) is only ever multiplied by zeros), acc(0..61) with acc(55..61) = 0.
+// With b != nullptr, positions with b(p) < 0 are skipped (out(i) unchanged).
+void acelp_track_energies(const int16_t *hn, const int16_t *acc, int t, const int16_t *s,
+                          const int16_t *R, const int16_t *b, int16_t *out);
 
 // Normalises the impulse response h[0..L-1] (Q11) to hn[0..54] with a fixed
 // energy (sum of 2 hn^2 about 2^26): hn = ((h << sh) * g) >> 15 with

@@ -28,6 +28,8 @@
 //                        0 when 1 + x.y <= 0.
 //   index       out      the codebook words: index[0..4] at full rate,
 //                        index[0] at half rate.
+#include <algorithm>
+
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
@@ -56,7 +58,8 @@ void pitch_sharpen(int16_t *x, int L, int T, int16_t f) {
 }
 
 // D(p) = sum_{n=p}^{L-1} 2 x(n) h(n - p), 32-bit wrap, p = 0..54 (0 from L on:
-// x is zero there). Zero-padded copies give every p the same sum length.
+// x is zero there). On zero-padded copies each sum runs over whole groups of
+// eight terms: those past n = L-1 are zero.
 void backward_filter(const int16_t *x, const int16_t *h, int L, int32_t *big_d) {
   int16_t x_pad[kAcelpPositions + kAcelpPadLen] = {};
   int16_t h_pad[kAcelpPadLen] = {};
@@ -64,14 +67,18 @@ void backward_filter(const int16_t *x, const int16_t *h, int L, int32_t *big_d) 
     x_pad[n] = x[n];
     h_pad[n] = h[n];
   }
-  for (int p = 0; p < kAcelpPositions; ++p)
-    big_d[p] = shl32_wrap(acelp_dot_wrap(x_pad + p, h_pad), 1);
+  for (int p = 0; p < kAcelpPositions; ++p) {
+    const int terms = std::max(L - p + 7, 0) & ~7;  // p + terms <= L + 7 <= 62
+    uint32_t sum = 0;
+    for (int k = 0; k < terms; ++k) sum += static_cast<uint32_t>(mul16(x_pad[p + k], h_pad[k]));
+    big_d[p] = shl32_wrap(static_cast<int32_t>(sum), 1);
+  }
 }
 
 // d(p) = ((D(p) << e) + 32768) >> 16 with e = norm_32(5 + sum over tracks of
 // max |D| / 2) - 2, so that the correlation of the pulses (at most two per
 // track) stays within 16 bits. The shift is taken in 32 bits (a negative e
-// shifts right), the rounding in 64.
+// shifts right).
 void scale_target(const int32_t *big_d, int16_t *d) {
   int32_t s = 5;
   for (int t = 0; t < kAcelpTracks; ++t) {
@@ -83,16 +90,22 @@ void scale_target(const int32_t *big_d, int16_t *d) {
     s = add32_wrap(s, static_cast<int32_t>(peak >> 1));
   }
   const int e = norm_32(s) - 2;
-  for (int p = 0; p < kAcelpPositions; ++p) {
-    const int32_t shifted = e >= 0 ? shl32_wrap(big_d[p], e) : big_d[p] >> -e;
-    d[p] = static_cast<int16_t>(wrap32((int64_t{shifted} + 32768) >> 16));
+  int32_t shifted[kAcelpPositions];
+  if (e >= 0) {
+    for (int p = 0; p < kAcelpPositions; ++p) shifted[p] = shl32_wrap(big_d[p], e);
+  } else {
+    for (int p = 0; p < kAcelpPositions; ++p) shifted[p] = big_d[p] >> -e;
   }
+  // (shifted + 32768) >> 16 as 16 bits: from 0x7FFF8000 on, 32768 wraps to
+  // -32768, as the 32-bit wrap of round16 does.
+  for (int p = 0; p < kAcelpPositions; ++p) d[p] = round16(shifted[p]);
 }
 
-// x.y / y.y by normalised division; y taken at half scale.
+// x.y / y.y by normalised division; y taken at half scale. The sums of
+// 2 a b terms wrap in 32 bits, so their order does not matter.
 int16_t optimal_gain(const int16_t *x, const int16_t *y, int L) {
   Mac2Wrap xy, yy;
-  for (int n = L - 1; n >= 0; --n) {
+  for (int n = 0; n < L; ++n) {
     const int16_t half_y = static_cast<int16_t>(y[n] >> 1);
     xy.add(x[n], half_y);
     yy.add(half_y, half_y);

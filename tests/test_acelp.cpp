@@ -209,8 +209,8 @@ TEST(AcelpKernels, SearchBestPulse) {
   std::fill(V2, V2 + 11, int16_t{100});
   d[5] = 1000, d[1] = 800, d[11] = 800;
   using A4 = std::array<int16_t, 4>;
-  auto run = [&](int16_t k0, int16_t e0, int16_t t1 = 0) {
-    const int16_t tracks[2] = {t1, 1};
+  auto run = [&](int16_t k0, int16_t e0, int16_t t1 = 0, int16_t t2 = 1) {
+    const int16_t tracks[2] = {t1, t2};
     int16_t state[4] = {k0, e0, -1, -1};
     kevrce_search_best_pulse(tracks, d, B, V1, V2, M, state);
     return A4{state[0], state[1], state[2], state[3]};
@@ -225,6 +225,8 @@ TEST(AcelpKernels, SearchBestPulse) {
   EXPECT_EQ(run(0, 0), (A4{800, 200, 0, 1}));
   // A first track past 54: K = d(t1) + K0 + d(t2) with d(60) read as 0, E = 1.
   EXPECT_EQ(run(7, 3, 60), (A4{807, 1, 60, 1}));
+  // A second track of ten positions (6, 11, ..., 51): (0, 11) wins.
+  EXPECT_EQ(run(0, 0, 0, 6), (A4{800, 200, 0, 11}));
 }
 
 // ---------------------------------------------------------------------------

@@ -45,8 +45,14 @@ TEST(Primitives, WrapAndSaturateMatchInt64Reference) {
       EXPECT_EQ(shl32_sat(a, n), std::clamp<int64_t>(exact, INT32_MIN, INT32_MAX)) << a << " << " << n;
     }
   }
-  for (int16_t a : kEdges16)
-    for (int16_t b : kEdges16) EXPECT_EQ(mul2_16(a, b), wrap_ref(2 * int64_t{a} * b));
+  for (int16_t a : kEdges16) {
+    for (int16_t b : kEdges16) {
+      EXPECT_EQ(mul2_16(a, b), wrap_ref(2 * int64_t{a} * b));
+      EXPECT_EQ(mul16_shr15_wrap(a, b), static_cast<int16_t>((int64_t{a} * b) >> 15)) << a << " " << b;
+    }
+  }
+  EXPECT_EQ(mul16_shr15_wrap(-32768, -32768), -32768);  // 32768 wraps
+  EXPECT_EQ(mul16_shr15_wrap(-1, 1), -1);               // the shift floors
 }
 
 // The multipliers written out in 64-bit arithmetic from their definition.
