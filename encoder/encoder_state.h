@@ -82,6 +82,7 @@ struct kevrce_ns_state {
   int16_t hysteresis_count;
   int16_t last_update_count;
   int32_t start_min[16];  // quality mode: smallest channel energies of the first frames
+  int32_t start_db_sum[16];  // quality mode: sum of the first frames' channel energies, dB units (32 per dB)
 };
 
 // Work block: analysis memories, per-frame analysis results, coded

@@ -29,7 +29,9 @@
 // frames), averaged over the files, split into files that start with speech
 // (either of the first two frames within 30 dB of the loudest frame) and
 // files that start with background; near-silent files (loudest frame below
-// RMS 64) are left out. With -v, one line per file as well.
+// RMS 64) are left out. For the clean files that start with speech, the
+// median level change and the number of files within 0.2 dB as well. With
+// -v, one line per file as well.
 //
 // Usage: ns_eval [-v] [corpus root]   (default /usr/share/asterisk/sounds)
 // The noise is deterministic (fixed seeds per file and condition).
@@ -252,6 +254,7 @@ int main(int argc, char **argv) {
   Condition clean_run[2];
   Condition cond[2][3][3];     // mode, noise, SNR
   Fidelity fidelity[2][2][4];  // mode, starts with speech, input
+  std::vector<double> speech_start_clean[2];  // per-file level change, clean files starting with speech
   long total_samples = 0;
   std::vector<std::string> babble_sources;
   for (size_t k = 0; k < 8; ++k) babble_sources.push_back(files[(k * files.size()) / 8]);
@@ -326,6 +329,7 @@ int main(int argc, char **argv) {
       }
       for (int k = 0; k < 4 && !silent; ++k)
         fidelity[mode][start][k].add(file_level[mode][k], file_mcd[mode][k]);
+      if (!silent && start) speech_start_clean[mode].push_back(file_level[mode][0]);
     }
     if (verbose) {
       std::printf("%-40s %s", files[f].c_str(),
@@ -380,6 +384,19 @@ int main(int argc, char **argv) {
                   start ? "speech start" : "backgr. start", k == 0 ? "clean" : kInputNames[k],
                   c.files, c.level / n, c.mcd / n, r.level / n, r.mcd / n);
     }
+  }
+  // Clean files that start with speech: median level change and the files
+  // within 0.2 dB of their input level (rounded to 0.01 dB, as printed by -v).
+  for (int mode = 0; mode < 2; ++mode) {
+    std::vector<double> &v = speech_start_clean[mode];
+    if (v.empty()) continue;
+    std::sort(v.begin(), v.end());
+    const size_t h = v.size() / 2;
+    const double median = v.size() % 2 ? v[h] : (v[h - 1] + v[h]) / 2;
+    const long within = std::count_if(
+        v.begin(), v.end(), [](double l) { return std::fabs(std::round(l * 100)) <= 20; });
+    std::printf("speech start, clean, %s: median level change %+.2f dB, %ld of %zu files within 0.2 dB\n",
+                mode ? "robust" : "classic", median, within, v.size());
   }
   return 0;
 }
