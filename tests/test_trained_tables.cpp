@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <kevrc/kevrc_kernels.h>
+#include "common/tbl_lsp_order.h"
 #include "tools/support/lsp_sd.h"
 
 namespace {
@@ -64,6 +65,22 @@ TEST(TrainedTables, LspCodebooks) {
       for (int j = 0; s > 0 && j < t.entries[s - 1]; ++j)
         EXPECT_GT(highest_first, row(t, s - 1, j).back() + 261) << t.name << " split " << s - 1 << " entry " << j;
     }
+}
+
+// The quantizer's search orders: per split a permutation of the codeword
+// indices, sorted by (first value, index).
+TEST(TrainedTables, LspSearchOrdersSortTheFirstValues) {
+  const uint16_t *orders[3] = {kevrc_tbl_lsp_fr_order, kevrc_tbl_lsp_hr_order, kevrc_tbl_lsp_1_8_order};
+  for (int i = 0; i < 3; ++i) {
+    const uint16_t *order = orders[i];
+    for (int s = 0; s < kTables[i].splits; order += kTables[i].entries[s++]) {
+      std::vector<std::pair<int, int>> keys;  // (first value, index) in search order
+      for (int j = 0; j < kTables[i].entries[s]; ++j) keys.emplace_back(row(kTables[i], s, order[j])[0], order[j]);
+      EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end())) << kTables[i].name << " split " << s;
+      std::sort(keys.begin(), keys.end(), [](auto a, auto b) { return a.second < b.second; });
+      for (int j = 0; j < kTables[i].entries[s]; ++j) ASSERT_EQ(keys[j].second, j) << kTables[i].name;
+    }
+  }
 }
 
 TEST(TrainedTables, EnergyGainFollowsSearchRowByRow) {
