@@ -577,3 +577,17 @@ extern "C" const uint16_t kevrc_tbl_lsp_1_8_order[32] = {
     4, 3, 2, 6, 7, 11, 10, 8, 9, 5, 12, 0, 13, 14, 1, 15,
     1, 3, 2, 4, 5, 6, 8, 7, 9, 10, 11, 12, 0, 13, 15, 14
 };
+
+// Value ranges of the LSP codebooks (derived, not trained): for each of the
+// ten LSP positions, the smallest and the largest value any codeword of its
+// split holds there (Q15); printed from the codebooks above, and the kernel
+// tests check them. They bound the quantizer's distances before a search.
+extern "C" const int16_t kevrc_tbl_lsp_fr_range[20] = {
+    465, 3294, 635, 3956, 1710, 6650, 2747, 7818, 3647, 10332, 4737, 11207, 6707, 12363, 8359, 13466, 10387, 14592, 12280, 15133
+};
+extern "C" const int16_t kevrc_tbl_lsp_hr_range[20] = {
+    443, 3175, 597, 4892, 1291, 6942, 2676, 7815, 3833, 9214, 4963, 10777, 7377, 12307, 8392, 13653, 10386, 14598, 12256, 15151
+};
+extern "C" const int16_t kevrc_tbl_lsp_1_8_range[20] = {
+    868, 1829, 1222, 3219, 2210, 4613, 3620, 6043, 4646, 7827, 6598, 9486, 8689, 11296, 10194, 12468, 12037, 13993, 13361, 14841
+};

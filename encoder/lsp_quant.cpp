@@ -162,20 +162,16 @@ int32_t weighted_product(int16_t diff, int16_t w, const TermShift &ts) {
 // product alone already rounds above the best distance cannot be chosen.
 // With a positive weight the product is 0 at diff 0 and grows with |diff| on
 // either side (the term keeps the sign of diff and grows with it), so over
-// the differences that the split's value range allows, the largest product
-// sits at an end of the range. False when a weight is not positive, a
-// difference could wrap, or the largest sum reaches 2^30.
+// the differences that the codebook's value ranges allow (range: lowest and
+// highest value per position), the largest product sits at an end of the
+// range. False when a weight is not positive, a difference could wrap, or
+// the largest sum reaches 2^30.
 template <int kN>
 bool pruning_is_exact(const int16_t *lsp, const int16_t *weight, const TermShift *shifts,
-                      const int16_t *book, int entries) {
-  int32_t lo = 32767, hi = -32768;
-  for (int i = 0; i < entries * kN; ++i) {
-    lo = book[i] < lo ? book[i] : lo;
-    hi = book[i] > hi ? book[i] : hi;
-  }
+                      const int16_t *range) {
   int64_t largest_sum = 0;
   for (int k = 0; k < kN; ++k) {
-    const int32_t below = lsp[k] - hi, above = lsp[k] - lo;  // the extreme differences
+    const int32_t below = lsp[k] - range[2 * k + 1], above = lsp[k] - range[2 * k];  // extreme differences
     if (weight[k] <= 0 || below < -32768 || above > 32767) return false;
     const int32_t a = weighted_product(static_cast<int16_t>(below), weight[k], shifts[k]);
     const int32_t b = weighted_product(static_cast<int16_t>(above), weight[k], shifts[k]);
@@ -258,9 +254,15 @@ uint16_t ordered_search(const int16_t *lsp, const int16_t *weight, const TermShi
   return static_cast<uint16_t>(chosen);
 }
 
+// A library codebook's search order and value ranges (tbl_lsp_order.h).
+struct SearchOrder {
+  const uint16_t *order = nullptr;  // nullptr: not a library codebook
+  const int16_t *range = nullptr;
+};
+
 template <int kN>
 uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
-                      int n, int entries, const int16_t *book, const uint16_t *order) {
+                      int n, int entries, const int16_t *book, const SearchOrder &order) {
   int16_t best = kWorst;
   uint16_t chosen = 0;
   int j = 0;
@@ -269,9 +271,9 @@ uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *
     TermShift shifts[kN];
     for (int k = 0; k < kN; ++k) shifts[k] = TermShift(shift[first + k]);
     const int32_t seam = first > 0 ? weight[first - 1] + kMinSeam : INT32_MIN;
-    if (order != nullptr && entries % kBlockSize == 0 &&
-        pruning_is_exact<kN>(lsp + first, weight + first, shifts, book, entries))
-      return ordered_search<kN>(lsp + first, weight + first, shifts, seam, entries, book, order);
+    if (order.order != nullptr && entries % kBlockSize == 0 &&
+        pruning_is_exact<kN>(lsp + first, weight + first, shifts, order.range + 2 * first))
+      return ordered_search<kN>(lsp + first, weight + first, shifts, seam, entries, book, order.order);
     for (; j + kBlockSize <= entries; j += kBlockSize) {
       int16_t dist[kBlockSize];
       block_distances<kN>(lsp + first, weight + first, shifts, book + j * kN, dist);
@@ -298,7 +300,7 @@ uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *
 }
 
 uint16_t search_any_split(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
-                          int n, int entries, const int16_t *book, const uint16_t *order) {
+                          int n, int entries, const int16_t *book, const SearchOrder &order) {
   switch (n) {
     case 2: return search_split<2>(lsp, weight, shift, first, n, entries, book, order);
     case 3: return search_split<3>(lsp, weight, shift, first, n, entries, book, order);
@@ -308,26 +310,28 @@ uint16_t search_any_split(const int16_t *lsp, const int16_t *weight, const int16
   }
 }
 
-// The search order of the library's codebook with this layout, or nullptr.
-const uint16_t *search_order(int16_t num_splits, const int16_t *split_dims,
-                             const int16_t *split_entries, const int16_t *codebook) {
+// The search order and value ranges of the library's codebook with this
+// layout (none for other codebooks).
+SearchOrder search_order(int16_t num_splits, const int16_t *split_dims, const int16_t *split_entries,
+                         const int16_t *codebook) {
   struct Layout {
     const int16_t *codebook;
     const uint16_t *order;
+    const int16_t *range;
     int16_t num_splits, dims[4], entries[4];
   };
   static constexpr Layout kLayouts[] = {
-      {kevrc_tbl_lsp_fr, kevrc_tbl_lsp_fr_order, 4, {2, 2, 3, 3}, {64, 64, 512, 128}},
-      {kevrc_tbl_lsp_hr, kevrc_tbl_lsp_hr_order, 3, {3, 3, 4, 0}, {128, 128, 256, 0}},
-      {kevrc_tbl_lsp_1_8, kevrc_tbl_lsp_1_8_order, 2, {5, 5, 0, 0}, {16, 16, 0, 0}},
+      {kevrc_tbl_lsp_fr, kevrc_tbl_lsp_fr_order, kevrc_tbl_lsp_fr_range, 4, {2, 2, 3, 3}, {64, 64, 512, 128}},
+      {kevrc_tbl_lsp_hr, kevrc_tbl_lsp_hr_order, kevrc_tbl_lsp_hr_range, 3, {3, 3, 4, 0}, {128, 128, 256, 0}},
+      {kevrc_tbl_lsp_1_8, kevrc_tbl_lsp_1_8_order, kevrc_tbl_lsp_1_8_range, 2, {5, 5, 0, 0}, {16, 16, 0, 0}},
   };
   for (const Layout &l : kLayouts) {
     bool same = l.codebook == codebook && l.num_splits == num_splits;
     for (int s = 0; same && s < num_splits; ++s)
       same = l.dims[s] == split_dims[s] && l.entries[s] == split_entries[s];
-    if (same) return l.order;
+    if (same) return SearchOrder{l.order, l.range};
   }
-  return nullptr;
+  return SearchOrder{};
 }
 
 }  // namespace
@@ -345,11 +349,11 @@ extern "C" int16_t *kevrce_lspmaq(const int16_t *lsp, int16_t num_splits, const 
   using namespace kevrc;
   int first = 0;
   const int16_t *book = codebook;
-  const uint16_t *order = search_order(num_splits, split_dims, split_entries, codebook);
+  SearchOrder order = search_order(num_splits, split_dims, split_entries, codebook);
   for (int s = 0; s < num_splits; ++s) {
     const int n = split_dims[s];
     index[s] = search_any_split(lsp, weight, shift, first, n, split_entries[s], book, order);
-    if (order != nullptr) order += split_entries[s];
+    if (order.order != nullptr) order.order += split_entries[s];
     const int16_t *chosen = book + index[s] * n;
     for (int k = 0; k < n; ++k) weight[first + k] = chosen[k];
     first += n;
