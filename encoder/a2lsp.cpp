@@ -35,9 +35,14 @@
 // first change was seen. A polynomial whose roots are not all on the unit
 // circle (an unstable filter) can leave a search at or beyond half the
 // sampling rate, or below 0 when C(1) < 0; such roots are clamped to 0..16384.
+// Every point visited is a multiple m of an eighth of the grid, -7 <= m <= 637
+// (a search moves forward only below half the sampling rate, m < 630, by at
+// most a grid step; it steps back at most 7/8 of one from its start >= 0), so
+// the cosines come from kevrc_tbl_lsp_grid_cos.
 #include <algorithm>
 
 #include <kevrc/kevrc_kernels.h>
+#include "common/cos129.h"
 #include "common/fixed_point.h"
 #include "encoder/encoder_state.h"
 
@@ -51,6 +56,14 @@ constexpr int32_t kOneQ23 = 0x800000;      // 1.0 in Q23
 constexpr int32_t kGridStep = 13636520;    // 0.00635 of the sampling rate, Q31
 constexpr int32_t kHalfRate = 0x40000000;  // half the sampling rate, Q31
 constexpr int kHalvings = 3;               // the final step is 1/8 of the grid
+constexpr int32_t kPoint = kGridStep >> kHalvings;  // the finest step, Q31
+constexpr int kGridPoints = 1 << kHalvings;         // the grid step in finest steps
+constexpr int kHalfRatePoint = (kHalfRate + kPoint - 1) / kPoint;  // first point >= half rate
+constexpr int kLowestPoint = 1 - kGridPoints;                      // -7
+constexpr int kHighestPoint = kHalfRatePoint - 1 + kGridPoints;    // 637
+static_assert(kPoint * kGridPoints == kGridStep, "the halvings are exact");
+static_assert(kHighestPoint - kLowestPoint + 1 ==
+              sizeof kevrc_tbl_lsp_grid_cos / sizeof kevrc_tbl_lsp_grid_cos[0]);
 constexpr int64_t kHeadroom = int64_t{1} << 30;
 
 struct Polynomial {
@@ -88,10 +101,11 @@ Polynomial scaled(const int64_t *c) {
 
 int16_t q15_frequency(int32_t f) { return static_cast<int16_t>((f + 0x8000) >> 16); }
 
-// C(cos f) by the Clenshaw recursion. Every true intermediate is within
-// 2^30 + a few units, so the wrapping steps give exact results.
-int32_t evaluate(const Polynomial &p, int32_t f) {
-  const int32_t x = kevrc_interpolation_cos129(q15_frequency(f));  // cos in Q31
+// C(cos f) at f = m * kPoint by the Clenshaw recursion. Every true
+// intermediate is within 2^30 + a few units, so the wrapping steps give exact
+// results.
+int32_t evaluate(const Polynomial &p, int m) {
+  const int32_t x = kevrc_tbl_lsp_grid_cos[m - kLowestPoint];  // cos in Q31
   int32_t b1 = p.c[kTerms - 1], b2 = 0;
   for (int n = kTerms - 2; n >= 1; --n) {
     const int32_t b0 = add32_wrap(sub32_wrap(shl32_wrap(mul_32_32(x, b1), 1), b2), p.c[n]);
@@ -105,27 +119,27 @@ bool same_sign(int32_t v, int32_t kept) { return v != 0 && ((v < 0) == (kept < 0
 
 int64_t magnitude(int32_t v) { return v < 0 ? -int64_t{v} : int64_t{v}; }
 
-// The next root of p at or after start (Q31); start is moved to where this
-// root's first sign change was seen.
-int16_t next_root(Polynomial &p, int32_t &start) {
-  int32_t f = start;
-  int32_t step = kGridStep;
+// The next root of p at or after point start (in finest steps); start is
+// moved to where this root's first sign change was seen.
+int16_t next_root(Polynomial &p, int &start) {
+  int m = start;
+  int step = kGridPoints;
   int halvings = 0;
   int32_t v;
   for (;;) {
-    v = evaluate(p, f);
-    if (same_sign(v, p.kept) && f < kHalfRate) {
+    v = evaluate(p, m);
+    if (same_sign(v, p.kept) && m < kHalfRatePoint) {
       p.kept = v;
-      f += step;
+      m += step;
       continue;
     }
     if (halvings == kHalvings) break;
     step >>= 1;
-    if (halvings == 0) start = f;
+    if (halvings == 0) start = m;
     ++halvings;
-    f -= step;
+    m -= step;
   }
-  const int32_t root = magnitude(v) >= magnitude(p.kept) ? f - step : f;
+  const int32_t root = (magnitude(v) >= magnitude(p.kept) ? m - step : m) * kPoint;
   p.kept = p.kept < 0 ? INT32_MAX : INT32_MIN;  // the next root changes the other way
   return std::clamp<int16_t>(q15_frequency(root), 0, 16384);
 }
@@ -138,7 +152,7 @@ extern "C" void kevrce_lpc2lsp(const int16_t *lpc_q12, int16_t *lsp_q15) {
   Polynomial sum = scaled(c);
   chebyshev_coefficients(lpc_q12, -1, c);
   Polynomial difference = scaled(c);
-  int32_t start = 0;
+  int start = 0;
   for (int i = 0; i < kOrder; ++i) lsp_q15[i] = next_root(i % 2 == 0 ? sum : difference, start);
 }
 

@@ -27,8 +27,14 @@
 //   shift          in      the exponents of kevrce_norm_lsp.
 // Ties go to the later codeword; a codeword whose first value is not more
 // than 261 above the previous split's last quantized LSP scores 32767.
+// The library's own codebooks (recognised by address and layout) are searched
+// in their search orders (common/tbl_lsp_order.h), skipping codewords whose
+// first position alone proves they lose, whenever that is exact (see
+// pruning_is_exact); any other codebook, or weights that rule pruning out,
+// get the full search. Both choose the same codeword.
 #include <kevrc/kevrc_kernels.h>
 #include "common/fixed_point.h"
+#include "common/tbl_lsp_order.h"
 
 namespace kevrc {
 namespace {
@@ -144,9 +150,119 @@ void block_distances(const int16_t *lsp, const int16_t *weight, const TermShift 
   for (int j = 0; j < kBlockSize; ++j) dist[j] = rounded_distance(acc[j]);
 }
 
+// One position's product diff * term for a difference diff.
+int32_t weighted_product(int16_t diff, int16_t w, const TermShift &ts) {
+  const int32_t t0 = mul2_16(w, diff);
+  return mul16(diff, static_cast<int16_t>(ts.n <= 0 ? t0 >> 16 : ts.term(t0)));
+}
+
+// Pruning is exact when every codeword's products are non-negative and their
+// sum stays below 2^30 (the doubling before the rounding cannot wrap): then
+// the distance never falls as products are added, and a codeword whose first
+// product alone already rounds above the best distance cannot be chosen.
+// With a positive weight the product is 0 at diff 0 and grows with |diff| on
+// either side (the term keeps the sign of diff and grows with it), so over
+// the differences that the codebook's value ranges allow (range: lowest and
+// highest value per position), the largest product sits at an end of the
+// range. False when a weight is not positive, a difference could wrap, or
+// the largest sum reaches 2^30.
+template <int kN>
+bool pruning_is_exact(const int16_t *lsp, const int16_t *weight, const TermShift *shifts,
+                      const int16_t *range) {
+  int64_t largest_sum = 0;
+  for (int k = 0; k < kN; ++k) {
+    const int32_t below = lsp[k] - range[2 * k + 1], above = lsp[k] - range[2 * k];  // extreme differences
+    if (weight[k] <= 0 || below < -32768 || above > 32767) return false;
+    const int32_t a = weighted_product(static_cast<int16_t>(below), weight[k], shifts[k]);
+    const int32_t b = weighted_product(static_cast<int16_t>(above), weight[k], shifts[k]);
+    largest_sum += a > b ? a : b;
+  }
+  return largest_sum < (int64_t{1} << 30);
+}
+
+// The largest product sum whose rounded distance is not above best:
+// (2 acc + 0x8000) >> 16 <= best (no limit while best is the worst score).
+uint32_t sum_limit(int16_t best) {
+  if (best >= kWorst) return UINT32_MAX;
+  if (best < 0) return 0;
+  return static_cast<uint32_t>((int32_t{best} + 1) * 32768 - 16385);
+}
+
+// block_distances for the kBlockSize codewords order[0 ..) of book.
+template <int kN>
+void ordered_block_distances(const int16_t *lsp, const int16_t *weight, const TermShift *shifts,
+                             const int16_t *book, const uint16_t *order, int16_t *dist) {
+  int16_t codewords[kBlockSize * kN];
+  for (int j = 0; j < kBlockSize; ++j)
+    for (int k = 0; k < kN; ++k) codewords[j * kN + k] = book[order[j] * kN + k];
+  block_distances<kN>(lsp, weight, shifts, codewords, dist);
+}
+
+// search_split in the search order (the split's codewords sorted by first
+// value) when pruning_is_exact: blocks of kBlockSize sorted codewords from the
+// block where the first values pass lsp[0], outward in both directions; a
+// direction stops at the first block whose nearest first value alone gives a
+// product above the best distance so far, since every block beyond has
+// larger first products. The seam rule only ever raises a distance, so a
+// skipped codeword loses with or without it. Equal distances go to the later
+// codeword index, as in the plain search.
+template <int kN>
+uint16_t ordered_search(const int16_t *lsp, const int16_t *weight, const TermShift *shifts,
+                        int32_t seam, int entries, const int16_t *book, const uint16_t *order) {
+  int16_t best = kWorst;
+  int chosen = -1;
+  uint32_t limit = UINT32_MAX;
+  auto visit = [&](int block) {
+    int16_t dist[kBlockSize];
+    const uint16_t *ids = order + block * kBlockSize;
+    ordered_block_distances<kN>(lsp, weight, shifts, book, ids, dist);
+    for (int b = 0; b < kBlockSize; ++b) {
+      const int id = ids[b];
+      const int16_t d = book[id * kN] <= seam ? kWorst : dist[b];
+      if (d < best || (d == best && id > chosen)) {
+        best = d;
+        chosen = id;
+      }
+    }
+    limit = sum_limit(best);
+  };
+  auto first_product = [&](int sorted) {
+    return static_cast<uint32_t>(
+        weighted_product(sub16_wrap(lsp[0], book[order[sorted] * kN]), weight[0], shifts[0]));
+  };
+  const int blocks = entries / kBlockSize;
+  int start = 0;  // the block holding the first sorted first value >= lsp[0]
+  while (start < blocks - 1 && book[order[start * kBlockSize + kBlockSize - 1] * kN] < lsp[0]) ++start;
+  visit(start);
+  int up = start + 1, down = start - 1;
+  while (up < blocks || down >= 0) {
+    if (up < blocks) {
+      if (first_product(up * kBlockSize) > limit) {
+        up = blocks;
+      } else {
+        visit(up++);
+      }
+    }
+    if (down >= 0) {
+      if (first_product(down * kBlockSize + kBlockSize - 1) > limit) {
+        down = -1;
+      } else {
+        visit(down--);
+      }
+    }
+  }
+  return static_cast<uint16_t>(chosen);
+}
+
+// A library codebook's search order and value ranges (tbl_lsp_order.h).
+struct SearchOrder {
+  const uint16_t *order = nullptr;  // nullptr: not a library codebook
+  const int16_t *range = nullptr;
+};
+
 template <int kN>
 uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
-                      int n, int entries, const int16_t *book) {
+                      int n, int entries, const int16_t *book, const SearchOrder &order) {
   int16_t best = kWorst;
   uint16_t chosen = 0;
   int j = 0;
@@ -155,6 +271,9 @@ uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *
     TermShift shifts[kN];
     for (int k = 0; k < kN; ++k) shifts[k] = TermShift(shift[first + k]);
     const int32_t seam = first > 0 ? weight[first - 1] + kMinSeam : INT32_MIN;
+    if (order.order != nullptr && entries % kBlockSize == 0 &&
+        pruning_is_exact<kN>(lsp + first, weight + first, shifts, order.range + 2 * first))
+      return ordered_search<kN>(lsp + first, weight + first, shifts, seam, entries, book, order.order);
     for (; j + kBlockSize <= entries; j += kBlockSize) {
       int16_t dist[kBlockSize];
       block_distances<kN>(lsp + first, weight + first, shifts, book + j * kN, dist);
@@ -181,14 +300,38 @@ uint16_t search_split(const int16_t *lsp, const int16_t *weight, const int16_t *
 }
 
 uint16_t search_any_split(const int16_t *lsp, const int16_t *weight, const int16_t *shift, int first,
-                          int n, int entries, const int16_t *book) {
+                          int n, int entries, const int16_t *book, const SearchOrder &order) {
   switch (n) {
-    case 2: return search_split<2>(lsp, weight, shift, first, n, entries, book);
-    case 3: return search_split<3>(lsp, weight, shift, first, n, entries, book);
-    case 4: return search_split<4>(lsp, weight, shift, first, n, entries, book);
-    case 5: return search_split<5>(lsp, weight, shift, first, n, entries, book);
-    default: return search_split<0>(lsp, weight, shift, first, n, entries, book);
+    case 2: return search_split<2>(lsp, weight, shift, first, n, entries, book, order);
+    case 3: return search_split<3>(lsp, weight, shift, first, n, entries, book, order);
+    case 4: return search_split<4>(lsp, weight, shift, first, n, entries, book, order);
+    case 5: return search_split<5>(lsp, weight, shift, first, n, entries, book, order);
+    default: return search_split<0>(lsp, weight, shift, first, n, entries, book, order);
   }
+}
+
+// The search order and value ranges of the library's codebook with this
+// layout (none for other codebooks).
+SearchOrder search_order(int16_t num_splits, const int16_t *split_dims, const int16_t *split_entries,
+                         const int16_t *codebook) {
+  struct Layout {
+    const int16_t *codebook;
+    const uint16_t *order;
+    const int16_t *range;
+    int16_t num_splits, dims[4], entries[4];
+  };
+  static constexpr Layout kLayouts[] = {
+      {kevrc_tbl_lsp_fr, kevrc_tbl_lsp_fr_order, kevrc_tbl_lsp_fr_range, 4, {2, 2, 3, 3}, {64, 64, 512, 128}},
+      {kevrc_tbl_lsp_hr, kevrc_tbl_lsp_hr_order, kevrc_tbl_lsp_hr_range, 3, {3, 3, 4, 0}, {128, 128, 256, 0}},
+      {kevrc_tbl_lsp_1_8, kevrc_tbl_lsp_1_8_order, kevrc_tbl_lsp_1_8_range, 2, {5, 5, 0, 0}, {16, 16, 0, 0}},
+  };
+  for (const Layout &l : kLayouts) {
+    bool same = l.codebook == codebook && l.num_splits == num_splits;
+    for (int s = 0; same && s < num_splits; ++s)
+      same = l.dims[s] == split_dims[s] && l.entries[s] == split_entries[s];
+    if (same) return SearchOrder{l.order, l.range};
+  }
+  return SearchOrder{};
 }
 
 }  // namespace
@@ -206,9 +349,11 @@ extern "C" int16_t *kevrce_lspmaq(const int16_t *lsp, int16_t num_splits, const 
   using namespace kevrc;
   int first = 0;
   const int16_t *book = codebook;
+  SearchOrder order = search_order(num_splits, split_dims, split_entries, codebook);
   for (int s = 0; s < num_splits; ++s) {
     const int n = split_dims[s];
-    index[s] = search_any_split(lsp, weight, shift, first, n, split_entries[s], book);
+    index[s] = search_any_split(lsp, weight, shift, first, n, split_entries[s], book, order);
+    if (order.order != nullptr) order.order += split_entries[s];
     const int16_t *chosen = book + index[s] * n;
     for (int k = 0; k < n; ++k) weight[first + k] = chosen[k];
     first += n;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "common/cos129.h"
 #include "common/fixed_point.h"
 #include "tests/test_util.h"
 
@@ -125,6 +126,12 @@ TEST(Cosine, FrequenciesBeyondHalfTheRateStayInTheTables) {
   }
   for (int x = -32768; x < 0; ++x) (void)kevrc_interpolation_cos129(static_cast<int16_t>(x));
   EXPECT_EQ(kevrc_interpolation_cos129(-32768), kevrc_interpolation_cos129(0));
+}
+
+TEST(Cosine, LspRootSearchTableMatchesTheFunction) {
+  for (int m = -7; m <= 637; ++m)  // points m * 1704565 in Q31 of the sampling rate
+    ASSERT_EQ(kevrc_tbl_lsp_grid_cos[m + 7],
+              kevrc_interpolation_cos129(static_cast<int16_t>((m * 1704565 + 0x8000) >> 16))) << m;
 }
 
 TEST(LspToLpc, RangeRepairRewritesTheVector) {

@@ -2,7 +2,8 @@
 // Copyright (c) the kevrc authors
 // Checks of the trained LSP codebooks and eighth-rate energy tables: the
 // fixed sample rows at their positions, codewords strictly ascending inside
-// 1..16383, every split offering an ordered continuation, and the gain table
+// 1..16383, every split offering an ordered continuation, the quantizer's
+// derived search orders and value ranges, and the gain table
 // following the search table, gain = round(128 * 10^(search / 8192)); and
 // the log-spectral sensitivity the LSP training minimises.
 #include <gtest/gtest.h>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include <kevrc/kevrc_kernels.h>
+#include "common/tbl_lsp_order.h"
 #include "tools/support/lsp_sd.h"
 
 namespace {
@@ -64,6 +66,36 @@ TEST(TrainedTables, LspCodebooks) {
       for (int j = 0; s > 0 && j < t.entries[s - 1]; ++j)
         EXPECT_GT(highest_first, row(t, s - 1, j).back() + 261) << t.name << " split " << s - 1 << " entry " << j;
     }
+}
+
+// The quantizer's search orders: per split a permutation of the codeword
+// indices, sorted by (first value, index); and each position's value range.
+TEST(TrainedTables, LspSearchOrdersAndRangesMatchTheCodebooks) {
+  const uint16_t *orders[3] = {kevrc_tbl_lsp_fr_order, kevrc_tbl_lsp_hr_order, kevrc_tbl_lsp_1_8_order};
+  const int16_t *ranges[3] = {kevrc_tbl_lsp_fr_range, kevrc_tbl_lsp_hr_range, kevrc_tbl_lsp_1_8_range};
+  for (int i = 0; i < 3; ++i) {
+    const uint16_t *order = orders[i];
+    const Table &t = kTables[i];
+    for (int s = 0, position = 0; s < t.splits; position += t.dims[s], order += t.entries[s++]) {
+      std::vector<std::pair<int, int>> keys;  // (first value, index) in search order
+      std::vector<int> lowest(5, 32767), highest(5, -32768);  // up to 5 positions a split
+      for (int j = 0; j < t.entries[s]; ++j) {
+        const auto c = row(t, s, order[j]);
+        keys.emplace_back(c[0], order[j]);
+        for (int k = 0; k < t.dims[s]; ++k) {
+          lowest[k] = std::min<int>(lowest[k], c[k]);
+          highest[k] = std::max<int>(highest[k], c[k]);
+        }
+      }
+      EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end())) << t.name << " split " << s;
+      std::sort(keys.begin(), keys.end(), [](auto a, auto b) { return a.second < b.second; });
+      for (int j = 0; j < t.entries[s]; ++j) ASSERT_EQ(keys[j].second, j) << t.name;
+      for (int k = 0; k < t.dims[s]; ++k) {
+        const int16_t *range = ranges[i] + 2 * (position + k);
+        EXPECT_TRUE(range[0] == lowest[k] && range[1] == highest[k]) << t.name << " position " << position + k;
+      }
+    }
+  }
 }
 
 TEST(TrainedTables, EnergyGainFollowsSearchRowByRow) {
