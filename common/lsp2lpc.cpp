@@ -11,6 +11,7 @@
 // two cascades of five second-order sections with the impulse of the first
 // factor (Q25: 0x2000000 is 1.0).
 #include <kevrc/kevrc_kernels.h>
+#include "common/cos129.h"
 #include "common/fixed_point.h"
 
 using namespace kevrc;
@@ -68,8 +69,8 @@ extern "C" void kevrc_lsp2lpc(int16_t *lsp, int16_t *lpc) {
   repair_range(lsp);
   int16_t p[5], q[5];
   for (int j = 0; j < 5; ++j) {
-    p[j] = round16(kevrc_interpolation_cos129(lsp[2 * j]));
-    q[j] = round16(kevrc_interpolation_cos129(lsp[2 * j + 1]));
+    p[j] = round16(kevrc::cos129(lsp[2 * j]));
+    q[j] = round16(kevrc::cos129(lsp[2 * j + 1]));
   }
   // Each section's state is its last two inputs, so a section is a
   // three-tap filter over its whole input sequence (k = 0..10, zero before):
