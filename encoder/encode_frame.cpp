@@ -71,8 +71,16 @@ void subframe_lpc_q(const kevrce_instance *enc, kevrce_work *w, int i) {
   interpolated_lpc(enc->prev_lsp_q, w->lsp_q, i, w->sub_lsp_q, w->aq);
 }
 
-// Unquantized LPC of subframe i (the weighting filter's).
+// Unquantized LPC of subframe i (the weighting filter's): the frame
+// analysis already computed it from the same LSPs unless they changed since.
 void subframe_lpc(const kevrce_instance *enc, kevrce_work *w, int i) {
+  if (w->sub_lpc_ready == 1 && i >= 0 && i < 3 &&
+      std::memcmp(w->sub_lpc_from[0], enc->prev_lsp, sizeof w->sub_lpc_from[0]) == 0 &&
+      std::memcmp(w->sub_lpc_from[1], w->lsp, sizeof w->sub_lpc_from[1]) == 0) {
+    std::memcpy(w->sub_lsp, w->sub_lsp_cache[i], sizeof w->sub_lsp);
+    std::memcpy(w->a, w->sub_lpc_cache[i], sizeof w->a);
+    return;
+  }
   interpolated_lpc(enc->prev_lsp, w->lsp, i, w->sub_lsp, w->a);
 }
 

@@ -146,6 +146,13 @@ struct kevrce_work {
   int16_t ns_fft[128];
   int16_t ns_snr_index[16];
   int16_t ns_db[16];
+
+  // --- Unquantized subframe LPC: filled by the frame analysis, reused by the
+  //     subframe coding while the LSPs it came from are unchanged ---
+  int16_t sub_lpc_from[2][10];    // the previous and the current LSPs they came from
+  int16_t sub_lsp_cache[3][10];   // interpolated LSPs of subframes 0..2, Q15
+  int16_t sub_lpc_cache[3][10];   // their LPC, Q12
+  int16_t sub_lpc_ready;          // 1 once the entries were filled
 };
 
 struct kevrce_instance {

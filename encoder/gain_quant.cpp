@@ -153,6 +153,13 @@ extern "C" void kevrce_conv_imp_res(const int16_t *in, const int16_t *h, int16_t
     for (int i = 0; i < n; ++i) out[i] = filtered_sample(in, h, i);
     return;
   }
+  // Leading zero inputs (all of them when the pitch gain is 0) give zero
+  // outputs and add nothing to the later ones.
+  int zeros = 0;
+  while (zeros < n && in[zeros] == 0) out[zeros++] = 0;
+  in += zeros;
+  out += zeros;
+  n = static_cast<int16_t>(n - zeros);
   int16_t chunk[kChunk];
   for (int first = 0; first < n; first += kChunk) {
     const int count = std::min<int>(kChunk, n - first);

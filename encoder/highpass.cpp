@@ -20,8 +20,11 @@ namespace {
 // split product mul_32_16(y, c).
 int32_t feedback(int32_t y, int16_t c) { return mul_32_16(y, c); }
 
-// The sample handed on: (16*y + 0x8000) >> 16 computed exactly, saturated.
-int16_t section_output(int32_t y) { return sat16_64((int64_t{y} * 16 + 32768) >> 16); }
+// The sample handed on: (16*y + 0x8000) >> 16 = (y + 2048) >> 12 exactly,
+// saturated; computed as ((y >> 1) + 1024) >> 11, which cannot leave 32 bits
+// (floor((floor(y/2) + 1024) / 2048) = floor((y + 2048) / 4096)), so a loop
+// of them vectorizes.
+int16_t section_output(int32_t y) { return sat16(((y >> 1) + 1024) >> 11); }
 
 // The zero part of a section, 16*a with a = 2*(c0 x(n-2) + c1 x(n-1) + c2 x(n))
 // wrapped, shifted down by 4 (arithmetic): x0, x1 are the two inputs before
@@ -36,22 +39,26 @@ void zero_part(const int16_t *coef, int16_t x0, int16_t x1, const int16_t *x, in
 }
 
 void run_section(const int16_t *coef, int16_t *x_hist, int32_t *y_hist, int16_t *samples) {
-  int32_t zeros[kEncFrameLen];
-  zero_part(coef, x_hist[0], x_hist[1], samples, zeros);
+  int32_t ys[kEncFrameLen];  // the zero part, then the section's 32-bit outputs
+  zero_part(coef, x_hist[0], x_hist[1], samples, ys);
   x_hist[0] = samples[kEncFrameLen - 2];
   x_hist[1] = samples[kEncFrameLen - 1];
-  // The pole part, with the two last outputs in locals.
+  // The pole part, with the two last outputs in locals; only the recursion
+  // stays in this loop.
   const int16_t c3 = coef[3];
   const int16_t c4 = coef[4];
   int32_t y0 = y_hist[0];
   int32_t y1 = y_hist[1];
+  // Unrolled: the two-output shift and the loop count cost more than the taps.
+#pragma GCC unroll 8
   for (int n = 0; n < kEncFrameLen; ++n) {
-    int32_t y = sub32_wrap(zeros[n], feedback(y0, c3));
+    int32_t y = sub32_wrap(ys[n], feedback(y0, c3));
     y = shl32_wrap(sub32_wrap(y, feedback(y1, c4)), 2);
     y0 = y1;
     y1 = y;
-    samples[n] = section_output(y);
+    ys[n] = y;
   }
+  for (int n = 0; n < kEncFrameLen; ++n) samples[n] = section_output(ys[n]);
   y_hist[0] = y0;
   y_hist[1] = y1;
 }

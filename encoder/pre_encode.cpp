@@ -14,6 +14,9 @@
 //   lpc[0..9]       out: a1..a10, Q12, bandwidth expanded by 0.994^k;
 //   lsp[0..9]       out: the frame's unquantised LSPs, Q15;
 //   residual[0..319], residual_mem: out: the short-term residual of speech;
+//   sub_lsp_cache, sub_lpc_cache, sub_lpc_from, sub_lpc_ready: out: the
+//                   three subframes' interpolated LSPs and LPC, and the LSPs
+//                   they came from;
 //   olp             in/out: the open-loop pitch state;
 //   ol_delay        out: the merged open-loop delay, 20..120;
 //   ol_gain         out: the merged open-loop gain, Q15.
@@ -77,13 +80,19 @@ void short_term_residual(const int16_t *prev_lsp, kevrce_work *w) {
   kevrc_lsp2lpc(lsp, lpc);
   kevrce_residu(w->speech, lpc, w->residual_mem, 80, w->residual);
   int start = 80;
+  // The subframes' LPC are kept in w->sub_lpc_cache for the subframe coding.
   for (int sub = 0; sub < 3; ++sub) {
     const int16_t len = static_cast<int16_t>(kEncSubframeLen[sub]);
-    kevrc_interpol(lsp, prev_lsp, w->lsp, static_cast<int16_t>(sub));
-    kevrc_lsp2lpc(lsp, lpc);
-    kevrce_residu(&w->speech[start], lpc, w->residual_mem, len, &w->residual[start]);
+    kevrc_interpol(w->sub_lsp_cache[sub], prev_lsp, w->lsp, static_cast<int16_t>(sub));
+    std::memcpy(lsp, w->sub_lsp_cache[sub], sizeof lsp);
+    kevrc_lsp2lpc(lsp, w->sub_lpc_cache[sub]);
+    kevrce_residu(&w->speech[start], w->sub_lpc_cache[sub], w->residual_mem, len,
+                  &w->residual[start]);
     start += len;
   }
+  std::memcpy(w->sub_lpc_from[0], prev_lsp, sizeof w->sub_lpc_from[0]);
+  std::memcpy(w->sub_lpc_from[1], w->lsp, sizeof w->sub_lpc_from[1]);
+  w->sub_lpc_ready = 1;
   kevrce_residu(&w->speech[240], w->lpc, w->residual_mem, 80, &w->residual[240]);
 }
 
