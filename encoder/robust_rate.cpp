@@ -110,13 +110,14 @@ int16_t sum_level(int64_t sum) { return level_of(sat32(asr64(sum, kSegmentShift)
 // analysis frame (a few units of energy) unscaled, and its band energies
 // then read up to 80 dB too loud: below the level of digital silence the
 // bands take the analysis frame's whole-band level (a band holds no more
-// than the whole frame).
-void frame_levels(const kevrce_instance *enc, int16_t *level) {
+// than the whole frame). coded_energy (in) is the coded segment's sum of
+// squares.
+void frame_levels(const kevrce_instance *enc, int64_t coded_energy, int16_t *level) {
   const int16_t whole = sum_level(segment_energy(enc->work->speech, kEncFrameLen));
   for (int b = 0; b < 2; ++b) {
     level[b] = whole < kSilenceLevel ? whole : level_of(enc->rd.band_energy[b]);
   }
-  level[2] = sum_level(segment_energy(enc->work->speech));
+  level[2] = sum_level(coded_energy);
 }
 
 void start(kevrce_robust_rate_state &s) {
@@ -169,12 +170,13 @@ bool is_speech(const kevrce_robust_rate_state &s, const int16_t *level) {
 
 // Loud, or tonal: a steady level (within 1 dB of the last frame's; a
 // fading word is not steady) and a prediction gain above 18 dB,
-// sum x^2 > 63 * sum e^2.
-bool is_stationary_signal(const kevrce_robust_rate_state &s, const kevrce_work &w, const int16_t *level) {
+// sum x^2 > 63 * sum e^2 over the coded segment (coded_energy: sum x^2).
+bool is_stationary_signal(const kevrce_robust_rate_state &s, const kevrce_work &w, int64_t coded_energy,
+                          const int16_t *level) {
   const int16_t top = std::max(level[0], level[1]);
   if (top > kLoudLevel) return true;
   if (top <= kTonalLevel || std::abs(top - s.last_top) > kSteady) return false;
-  return segment_energy(w.speech) > kTonalGain * segment_energy(w.residual);
+  return coded_energy > kTonalGain * segment_energy(w.residual);
 }
 
 int16_t speech_rate(const kevrce_robust_rate_state &s, const int16_t *level) {
@@ -186,8 +188,9 @@ int16_t speech_rate(const kevrce_robust_rate_state &s, const int16_t *level) {
 int16_t robust_rate_decision(kevrce_instance *enc, int32_t max_rate, int32_t min_rate) {
   kevrce_robust_rate_state &s = enc->robust_rd;
   if (enc->frame_count == 0) start(s);
+  const int64_t coded_energy = segment_energy(enc->work->speech);
   int16_t level[kRobustLevels];
-  frame_levels(enc, level);
+  frame_levels(enc, coded_energy, level);
   track_background(s, level, enc->frame_count);
 
   int16_t rate = kEighth;
@@ -195,7 +198,7 @@ int16_t robust_rate_decision(kevrce_instance *enc, int32_t max_rate, int32_t min
     s.peak = std::max(s.peak, std::max(level[0], level[1]));
     rate = speech_rate(s, level);
     s.hangover = rate == kHalf ? kWeakTailHangover : kHangoverFrames;
-  } else if (is_stationary_signal(s, *enc->work, level)) {
+  } else if (is_stationary_signal(s, *enc->work, coded_energy, level)) {
     rate = kFull;
     s.hangover = kHangoverFrames;
   } else if (s.hangover > 0) {
